@@ -1,0 +1,231 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "zrimap/engine.h"
+
+using namespace zr;
+
+namespace {
+
+ImapResultSet& withLines(ImapResultSet& rs, const char* tag, std::initializer_list<const char*> lines) {
+    rs.setTag(tag);
+    for (const char* l : lines) rs.getArray2().appendString(l);
+    return rs;
+}
+
+struct RecordingSink : ProgressEvent {
+    std::vector<std::string> events;
+    int abortAfter = -1;  // answer true from this check on
+    int checks = 0;
+    void onProgressInfo(const char* name, const char* value) override { events.push_back(std::string(name) + "=" + value); }
+    bool onAbortCheck() override { return abortAfter >= 0 && checks++ >= abortAfter; }
+};
+
+}  // namespace
+
+TEST(MemoryLog, RecordsKindsContextsAndHelpers) {
+    MemoryLog log;
+    {
+        LogContextExitor outer(log, "connectToImapServer");
+        log.LogDataLong("port", 143);
+        {
+            LogContextExitor inner(log, "getCompleteResponse");
+            log.logError("Failed to get greeting.");
+            log.LogDataSb_copyTrim("ImapCmdResp", StringBuffer("  * OK ready\r\n"));
+        }
+        log.LogBracketed("host", " h ");
+        XString x("alice");
+        log.LogDataX("login", x);
+    }
+    log.logInfo("after");
+    EXPECT_EQ(log.contextPath(), "");
+    EXPECT_TRUE(log.hasError("Failed to get greeting."));
+    EXPECT_FALSE(log.hasError("Failed to get greeting"));
+    EXPECT_EQ(*log.firstData("port"), "143");
+    EXPECT_EQ(*log.firstData("ImapCmdResp"), "* OK ready");
+    EXPECT_EQ(*log.firstData("host"), "[ h ]");
+    EXPECT_EQ(*log.lastData("login"), "alice");
+    EXPECT_EQ(log.firstData("nothing"), nullptr);
+    const auto& e = log.entries();
+    ASSERT_EQ(e.size(), 10u);
+    EXPECT_EQ(e[3].context, "connectToImapServer/getCompleteResponse");
+    EXPECT_EQ(e[3].kind, MemoryLog::Kind::Error);
+    EXPECT_EQ(e[9].context, "");
+    EXPECT_NE(log.toText().find("connectToImapServer/getCompleteResponse: ERROR Failed to get greeting."),
+              std::string::npos);
+    log.leaveContext();  // unbalanced: ignored
+    EXPECT_EQ(log.entries().size(), 10u);
+}
+
+TEST(LogBase, ElapsedMsAndNullLog) {
+    MemoryLog log;
+    log.LogElapsedMs("ms", Psdk::getTickCount() - 5);
+    const long ms = std::stol(*log.firstData("ms"));
+    EXPECT_GE(ms, 5);
+    EXPECT_LT(ms, 60000);
+    LogNull quiet(log);
+    quiet.logError("x");
+    EXPECT_FALSE(quiet.m_verboseLogging);
+    EXPECT_EQ(log.errors().size(), 0u);
+}
+
+TEST(StreamLog, WritesIndentedLinesToStreamAndFile) {
+    std::ostringstream os;
+    {
+        StreamLog log(os);
+        LogContextExitor ctx(log, "loginImap");
+        log.logData("login", "alice");
+        log.logError("Login failed");
+    }
+    const std::string text = os.str();
+    EXPECT_EQ(text.rfind("loginImap:\n  login: alice\n  ERROR: Login failed\n", 0), 0u) << text;
+    EXPECT_NE(text.find(" ms)"), std::string::npos);
+
+    char path[] = "/tmp/zrimap-streamlog-XXXXXX";
+    const int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    {
+        StreamLog file(path);
+        ASSERT_TRUE(file.isOpen());
+        file.logInfo("to the file");
+    }
+    std::ifstream in(path);
+    std::string line;
+    std::getline(in, line);
+    EXPECT_EQ(line, "to the file");
+    std::remove(path);
+    EXPECT_FALSE(StreamLog("/nonexistent-dir/x.log").isOpen());
+}
+
+TEST(Progress, MonitorForwardsEventsAndLatchesAbort) {
+    RecordingSink sink;
+    sink.abortAfter = 1;
+    ProgressMonitor pm(&sink);
+    MemoryLog log;
+    pm.progressInfo("ImapCmdSent", "aaab NOOP\r\n");
+    EXPECT_EQ(sink.events, (std::vector<std::string>{"ImapCmdSent=aaab NOOP\r\n"}));
+    EXPECT_FALSE(pm.get_Aborted(log));
+    EXPECT_TRUE(pm.get_Aborted(log));
+    sink.abortAfter = -1;
+    EXPECT_TRUE(pm.get_Aborted(log));  // stays aborted
+    EXPECT_EQ(pm.getProgressEvent(), &sink);
+
+    ProgressMonitor none(nullptr);
+    none.progressInfo("x", "y");
+    EXPECT_FALSE(none.get_Aborted(log));
+    none.abort();
+    EXPECT_TRUE(none.get_Aborted(log));
+}
+
+TEST(SocketParams, FlagQueries) {
+    SocketParams sp(nullptr);
+    EXPECT_TRUE(sp.timeoutIsFailure);
+    EXPECT_FALSE(sp.hasAnyError());
+    sp.m_timedOut = true;
+    EXPECT_TRUE(sp.hasAnyError());
+    EXPECT_TRUE(sp.hasOnlyTimeout());
+    EXPECT_FALSE(sp.hasNonTimeoutError());
+    sp.m_connLost = true;
+    EXPECT_FALSE(sp.hasOnlyTimeout());
+    EXPECT_TRUE(sp.hasNonTimeoutError());
+    MemoryLog log;
+    sp.logSocketResults("getImapResponseLine", log);
+    EXPECT_EQ(log.entries()[1].context, "getImapResponseLine");
+    EXPECT_EQ(*log.firstData("timedOut"), "true");
+    EXPECT_EQ(*log.firstData("connectionLost"), "true");
+    EXPECT_EQ(log.firstData("tlsFailure"), nullptr);
+    sp.initFlags();
+    EXPECT_FALSE(sp.hasAnyError());
+}
+
+TEST(ImapResultSet, IsOkJudgesTheCompletionLine) {
+    MemoryLog log;
+    {
+        ImapResultSet rs;
+        EXPECT_TRUE(withLines(rs, "aaab", {"* CAPABILITY IMAP4rev1\r\n", "aaab OK done\r\n"}).isOK(true, log));
+    }
+    {
+        ImapResultSet rs;
+        EXPECT_TRUE(withLines(rs, "aaab", {"aaab ok\r\n"}).isOK(true, log));
+    }
+    {
+        ImapResultSet rs;  // the status split off a SEARCH line carries no tag
+        EXPECT_TRUE(withLines(rs, "aaac", {"* SEARCH 1 2", "OK SEARCH completed"}).isOK(true, log));
+    }
+    const char* notOk[][2] = {{"aaab", "aaab NO [AUTHENTICATIONFAILED] nope\r\n"},
+                              {"aaab", "aaab BAD\r\n"},
+                              {"aaab", "aaab OKAY\r\n"},
+                              {"aaab", "aaabx OK\r\n"},
+                              {"aaab", "aaac OK other tag\r\n"},
+                              {"aaab", "* OK untagged\r\n"}};
+    for (const auto& c : notOk) {
+        ImapResultSet rs;
+        EXPECT_FALSE(withLines(rs, c[0], {c[1]}).isOK(true, log)) << c[1];
+    }
+    EXPECT_EQ(*log.lastData("imapStatusLine"), "* OK untagged");
+    ImapResultSet empty;
+    EXPECT_FALSE(empty.isOK(true, log));
+}
+
+TEST(ImapResultSet, TextAndAccessors) {
+    ImapResultSet rs;
+    withLines(rs, "aaad", {"* 1 FETCH (BODY {5}\r\nhello)\r\n", "aaad OK\r\n"});
+    rs.setCommand("FETCH");
+    EXPECT_STREQ(rs.getTag(), "aaad");
+    EXPECT_STREQ(rs.getCommand(), "FETCH");
+    EXPECT_EQ(rs.getNumLines(), 2);
+    EXPECT_STREQ(rs.getLine(5), "");
+    StringBuffer text("x");
+    rs.toStringBuffer(text);
+    EXPECT_STREQ(text.getString(), "x* 1 FETCH (BODY {5}\r\nhello)\r\naaad OK\r\n");
+    rs.clear();
+    EXPECT_EQ(rs.getNumLines(), 0);
+    EXPECT_STREQ(rs.getTag(), "");
+}
+
+TEST(ImapMsgSummary, FindsPartsAndTheBestDisplayablePart) {
+    ImapMsgSummary* s = ImapMsgSummary::createNewObject();
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(s->m_loaded, 0);
+    auto add = [&](const char* id, const char* type, const char* sub, bool attachment = false) {
+        auto* p = new ImapMsgPart;
+        p->m_partId.setString(id);
+        p->m_contentType.setString(type);
+        p->m_subType.setString(sub);
+        p->m_isAttachment = attachment;
+        s->appendPart(p);
+    };
+    add("", "MULTIPART", "MIXED");
+    add("1", "MESSAGE", "RFC822");
+    add("1.1", "MULTIPART", "ALTERNATIVE");
+    add("1.1.1", "TEXT", "HTML");
+    add("1.1.2", "TEXT", "PLAIN");
+    add("2", "TEXT", "PLAIN", true);
+    add("3", "TEXT", "CSV");
+    s->m_numAttachments = 1;
+
+    EXPECT_TRUE(s->findMsgPart("1")->isType("message", "rfc822"));
+    EXPECT_EQ(s->findMsgPart("4"), nullptr);
+    EXPECT_EQ(s->findMsgPart(nullptr), nullptr);
+    StringBuffer id("1");
+    ASSERT_TRUE(s->findBestMsgPart(id));
+    EXPECT_STREQ(id.getString(), "1.1.2");  // plain text wins over HTML
+    StringBuffer two("2");
+    EXPECT_FALSE(s->findBestMsgPart(two));  // attachments are never the displayable part
+    EXPECT_STREQ(two.getString(), "2");
+    StringBuffer three("3");
+    ASSERT_TRUE(s->findBestMsgPart(three));
+    StringBuffer prefixOnly("1.1.");  // "1.1." is not a part and has no part below it
+    EXPECT_FALSE(s->findBestMsgPart(prefixOnly));
+
+    MemoryLog log;
+    s->logMsgParts(log);
+    EXPECT_EQ(*log.firstData("numAttachments"), "1");
+    EXPECT_EQ(*log.lastData("part"), "3: TEXT/CSV; size=0");
+    delete s;  // through the virtual destructor, parts included
+}

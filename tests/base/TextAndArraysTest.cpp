@@ -1,0 +1,159 @@
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <string>
+
+#include "zrimap/engine.h"
+
+using namespace zr;
+
+namespace {
+
+struct Tracked : ZendrelObject {
+    explicit Tracked(int* deaths) : deaths(deaths) {}
+    ~Tracked() override { ++*deaths; }
+    int* deaths;
+};
+
+struct Shared : RefCountedObject {
+    explicit Shared(bool* gone) : gone(gone) {}
+    ~Shared() override { *gone = true; }
+    bool* gone;
+};
+
+}  // namespace
+
+TEST(XString, Utf8IsTheAnsiFormToo) {
+    XString x;
+    x.appendUtf8("d\xC3\xA4v\xC3\xA9");
+    x.appendAnsi("-pw");
+    EXPECT_STREQ(x.getAnsi(), "d\xC3\xA4v\xC3\xA9-pw");
+    EXPECT_STREQ(x.getAnsi(), x.getUtf8());
+    EXPECT_EQ(x.getSizeUtf8(), 9u);
+    EXPECT_EQ(x.getSizeAnsi(), 9u);
+    x.appendUsAscii(" \xC3\xA4");
+    EXPECT_STREQ(x.getUtf8(), "d\xC3\xA4v\xC3\xA9-pw ??");
+
+    XString token("Bearer abc");
+    EXPECT_TRUE(token.beginsWithUtf8("Bearer ", true));
+    EXPECT_FALSE(token.beginsWithUtf8("bearer ", true));
+    EXPECT_TRUE(token.beginsWithUtf8("bEARER ", false));
+    token.secureClear();
+    EXPECT_TRUE(token.isEmpty());
+    XString spaced;
+    spaced.setFromUtf8("  INBOX \r\n");
+    spaced.trim2();
+    EXPECT_STREQ(spaced.getUtf8(), "INBOX");
+}
+
+TEST(ExtPtrArray, OwnsItsElements) {
+    int deaths = 0;
+    {
+        ExtPtrArray arr;
+        arr.appendPtr(new Tracked(&deaths));
+        arr.appendPtr(nullptr);
+        arr.appendPtr(new Tracked(&deaths));
+        EXPECT_EQ(arr.getSize(), 3);
+        EXPECT_EQ(arr.elementAt(1), nullptr);
+        EXPECT_EQ(arr.elementAt(-1), nullptr);
+        EXPECT_EQ(arr.elementAt(3), nullptr);
+        ZendrelObject* taken = arr.removeAt(0);
+        ASSERT_NE(taken, nullptr);
+        EXPECT_EQ(arr.getSize(), 2);
+        EXPECT_EQ(arr.removeAt(7), nullptr);
+        delete taken;  // removeAt hands ownership back
+        EXPECT_EQ(deaths, 1);
+    }
+    EXPECT_EQ(deaths, 2);  // the array deleted the rest
+
+    ExtPtrArraySb sbs;
+    sbs.appendString("a");
+    sbs.appendPtr(new Tracked(&deaths));
+    EXPECT_STREQ(sbs.sbAt(0)->getString(), "a");
+    EXPECT_EQ(sbs.sbAt(1), nullptr);  // not a StringBuffer
+    sbs.removeAllSbs();
+    EXPECT_EQ(sbs.getSize(), 0);
+    EXPECT_EQ(deaths, 3);
+}
+
+TEST(RefCountedObject, LastReleaseDeletes) {
+    bool gone = false;
+    Shared* s = new Shared(&gone);
+    s->incRefCount();
+    s->incRefCount();
+    EXPECT_EQ(s->getRefCount(), 2);
+    s->decRefCount();
+    EXPECT_FALSE(gone);
+    s->decRefCount();
+    EXPECT_TRUE(gone);
+}
+
+TEST(FreeFunctions, NullSafeStringHelpers) {
+    EXPECT_EQ(zrStrLen(nullptr), 0u);
+    EXPECT_EQ(zrStrLen("abc"), 3u);
+    EXPECT_EQ(zrStrCmp(nullptr, ""), 0);
+    EXPECT_LT(zrStrCmp("a", "b"), 0);
+    EXPECT_EQ(zrStrNCmp("aaab OK", "aaab X", 5), 0);
+    EXPECT_NE(zrStrNCmp("aaab OK", "aaabx", 5), 0);
+    EXPECT_EQ(zrStrNCmp("x", "y", 0), 0);
+    EXPECT_EQ(zrStrChr(nullptr, 'a'), nullptr);
+    const char* s = "a{12}";
+    EXPECT_EQ(zrStrChr(s, '{'), s + 1);
+
+    char buf[12];
+    EXPECT_EQ(zr_int_to_str(0, buf), 1);
+    EXPECT_STREQ(buf, "0");
+    zr_int_to_str(INT_MIN, buf);
+    EXPECT_STREQ(buf, "-2147483648");
+    zr_int_to_str(INT_MAX, buf);
+    EXPECT_STREQ(buf, "2147483647");
+    // A UID above 2^31 reaches the signed parameter as a negative number.
+    zr_int_to_str(static_cast<int>(3000000000u), buf);
+    EXPECT_STREQ(buf, "-1294967296");
+}
+
+TEST(FreeFunctions, ScanOneValue) {
+    int n = 77;
+    EXPECT_EQ(_zrStdio::_zrSscanf1("3 EXISTS", "%d", &n), 1);
+    EXPECT_EQ(n, 3);
+    EXPECT_EQ(_zrStdio::_zrSscanf1("  -42}", "%d", &n), 1);
+    EXPECT_EQ(n, -42);
+    EXPECT_EQ(_zrStdio::_zrSscanf1("+7", "%d", &n), 1);
+    EXPECT_EQ(n, 7);
+    n = 77;
+    EXPECT_EQ(_zrStdio::_zrSscanf1("x}", "%d", &n), 0);
+    EXPECT_EQ(_zrStdio::_zrSscanf1("", "%d", &n), 0);
+    EXPECT_EQ(_zrStdio::_zrSscanf1("-", "%d", &n), 0);
+    // Out of range: not converted, rather than undefined.
+    EXPECT_EQ(_zrStdio::_zrSscanf1("99999999999}", "%d", &n), 0);
+    EXPECT_EQ(_zrStdio::_zrSscanf1("2147483648", "%d", &n), 0);
+    EXPECT_EQ(n, 77);
+    EXPECT_EQ(_zrStdio::_zrSscanf1("-2147483648", "%d", &n), 1);
+    EXPECT_EQ(n, INT_MIN);
+    // -1 read into an unsigned size becomes its two's-complement pattern.
+    unsigned u = 0;
+    EXPECT_EQ(_zrStdio::_zrSscanf1("-1", "%d", &u), 1);
+    EXPECT_EQ(u, 4294967295u);
+    EXPECT_EQ(_zrStdio::_zrSscanf1("4294967295", "%u", &u), 1);
+    EXPECT_EQ(u, 4294967295u);
+    EXPECT_EQ(_zrStdio::_zrSscanf1("4294967296", "%u", &u), 0);
+    EXPECT_EQ(_zrStdio::_zrSscanf1("ff", "%x", &u), 1);
+    EXPECT_EQ(u, 255u);
+    // Literal text around the conversion.
+    EXPECT_EQ(_zrStdio::_zrSscanf1("UID  99)", "UID %d", &n), 1);
+    EXPECT_EQ(n, 99);
+    EXPECT_EQ(_zrStdio::_zrSscanf1("FLAGS 1", "UID %d", &n), 0);
+    long l = 0;
+    EXPECT_EQ(_zrStdio::_zrSscanf1("-9000000000", "%ld", &l), 1);
+    EXPECT_EQ(l, -9000000000L);
+    EXPECT_EQ(_zrStdio::_zrSscanf1(nullptr, "%d", &n), 0);
+    EXPECT_EQ(_zrStdio::_zrSscanf1("1", "%s", &n), 0);
+}
+
+TEST(Psdk, TicksAdvanceAndHostHasAName) {
+    const unsigned start = Psdk::getTickCount();
+    StringBuffer host;
+    EXPECT_TRUE(Psdk::getComputerName(host));
+    EXPECT_GT(host.getSize(), 0u);
+    EXPECT_LT(Psdk::getTickCount() - start, 60000u);
+}
