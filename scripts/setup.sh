@@ -31,10 +31,13 @@ if [[ ! -e $policy ]]; then
   $SUDO chmod +x $policy
   own_policy=1
 fi
-cleanup() { [[ $own_policy -eq 1 ]] && $SUDO rm -f $policy; }
+cleanup() {
+  if [[ $own_policy -eq 1 ]]; then $SUDO rm -f $policy; fi
+}
 trap cleanup EXIT
 
 export DEBIAN_FRONTEND=noninteractive
 $SUDO apt-get update -qq
 $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 echo "setup: done"
+exit 0
