@@ -1,6 +1,7 @@
 #include "zrimap/base/ImapMsgSummary.h"
 
 #include <new>
+#include <set>
 #include <string>
 
 #include "zrimap/base/LogBase.h"
@@ -23,6 +24,9 @@ void ImapMsgSummary::clear() {
     m_parts.removeAllObjects();
     m_loaded = 0;
     m_numAttachments = 0;
+    m_uid = 0;
+    m_rfc822Size = 0;
+    m_flags.clear();
 }
 
 ImapMsgPart* ImapMsgSummary::findMsgPart(const char* partId) const {
@@ -34,19 +38,53 @@ ImapMsgPart* ImapMsgSummary::findMsgPart(const char* partId) const {
     return nullptr;
 }
 
-bool ImapMsgSummary::findBestMsgPart(StringBuffer& partId) const {
-    const std::string root = partId.getString();
-    const std::string below = root + ".";
-    const ImapMsgPart* best[3] = {nullptr, nullptr, nullptr};  // plain, html, other text
-    for (int i = 0; i < m_parts.getSize(); ++i) {
-        const ImapMsgPart* part = getPart(i);
-        if (!part || part->m_isAttachment || !part->m_contentType.equalsIgnoreCase("text")) continue;
-        if (!part->m_partId.equals(root.c_str()) && !part->m_partId.beginsWith(below.c_str())) continue;
-        const int rank = part->m_subType.equalsIgnoreCase("plain") ? 0 : part->m_subType.equalsIgnoreCase("html") ? 1 : 2;
-        if (!best[rank]) best[rank] = part;
+namespace {
+
+bool isEncapsulatedMessage(const ImapMsgPart& part) {
+    return part.m_contentType.equalsIgnoreCase("message") &&
+           (part.m_subType.equalsIgnoreCase("rfc822") || part.m_subType.equalsIgnoreCase("global"));
+}
+
+// `id` is `root` or lies below it; the empty root is the whole message.
+bool atOrBelow(const StringBuffer& id, const std::string& root) {
+    return root.empty() || id.equals(root.c_str()) || id.beginsWith((root + ".").c_str());
+}
+
+// Inside an encapsulated message that lies strictly below `root`: one of the
+// specifier's proper prefixes (cut at a '.') names such a message.
+bool insideNestedMessage(const std::string& id, const std::string& root, const std::set<std::string>& messages) {
+    for (size_t dot = id.find('.'); dot != std::string::npos; dot = id.find('.', dot + 1)) {
+        const std::string ancestor = id.substr(0, dot);
+        if (ancestor.size() > root.size() && messages.count(ancestor)) return true;
     }
-    for (const ImapMsgPart* part : best)
-        if (part) return partId.setString(part->m_partId);
+    return false;
+}
+
+}  // namespace
+
+bool ImapMsgSummary::findBestMsgPart(StringBuffer& partId) const {
+    try {
+        const std::string root = partId.getString();
+        std::set<std::string> messages;
+        for (int i = 0; i < m_parts.getSize(); ++i) {
+            const ImapMsgPart* part = getPart(i);
+            if (part && isEncapsulatedMessage(*part)) messages.insert(part->m_partId.getString());
+        }
+        // [outside a nested message, inside one][plain, html, other text]
+        const ImapMsgPart* best[2][3] = {{nullptr, nullptr, nullptr}, {nullptr, nullptr, nullptr}};
+        for (int i = 0; i < m_parts.getSize(); ++i) {
+            const ImapMsgPart* part = getPart(i);
+            if (!part || part->m_isAttachment || !part->m_contentType.equalsIgnoreCase("text")) continue;
+            if (!atOrBelow(part->m_partId, root)) continue;
+            const int tier = insideNestedMessage(part->m_partId.getString(), root, messages) ? 1 : 0;
+            const int rank = part->m_subType.equalsIgnoreCase("plain") ? 0 : part->m_subType.equalsIgnoreCase("html") ? 1 : 2;
+            if (!best[tier][rank]) best[tier][rank] = part;
+        }
+        for (const auto& tier : best)
+            for (const ImapMsgPart* part : tier)
+                if (part) return partId.setString(part->m_partId);
+    } catch (const std::bad_alloc&) {
+    }
     return false;
 }
 

@@ -8,6 +8,7 @@
 namespace zr {
 
 class LogBase;
+class ImapMsgSummary;
 
 class ImapResultSet {
 public:
@@ -36,6 +37,26 @@ public:
 
     // Every line, concatenated as received (line endings included).
     void toStringBuffer(StringBuffer& out) const;
+
+    // Fills `summary` from the first untagged FETCH response line that
+    // carries a BODYSTRUCTURE (or a BODY without a section) item, together
+    // with the UID, RFC822.SIZE and FLAGS items of that same line. Literals
+    // are expected inside their line, as the response collector joins them:
+    // the text up to and including "{n}\r\n", then the n bytes, then the
+    // rest of the line. `fetchItems` (the item list that was sent, e.g.
+    // "(UID BODYSTRUCTURE)") is used only in error reports.
+    //
+    // Common server deviations from RFC 3501 are accepted: any case, NIL or
+    // atoms where strings, lists or numbers belong, bodies that end early,
+    // unknown extension values, odd parameter lists. Refused: a multipart
+    // without parts, an unterminated string, a literal longer than the rest
+    // of its line, and nesting deeper than 64 parenthesised levels. A
+    // refusal, or the lack of such a line, gives false with an error logged
+    // that names the problem and its byte offset in the line (plus "near"
+    // and "fetchItems" data entries); the summary is then left cleared
+    // (m_loaded 0, no parts). See ImapMsgSummary.h for the resulting part
+    // list and the attachment rule.
+    bool parseSummary(ImapMsgSummary& summary, const char* fetchItems, LogBase& log);
 
     void clear();  // tag, command and lines
 
