@@ -15,6 +15,7 @@
 #include "zrimap/base/StringBuffer.h"
 #include "zrimap/base/XString.h"
 #include "zrimap/base/ZendrelObject.h"
+#include "zrimap/imap/ImapFlags.h"
 #include "zrimap/imap/zrImap.h"
 #include "zrimap/net/Socket2.h"
 #include "zrimap/net/SystemCerts.h"

@@ -200,10 +200,19 @@ bool _zrImap::sendTaggedCommand(const char* name, const StringBuffer& text, cons
 }
 
 bool _zrImap::runTaggedCommand(const char* name, const StringBuffer& text, const char* sendError,
-                               ImapResultSet& rs, LogBase& log, SocketParams& sp) {
+                               ImapResultSet& rs, LogBase& log, SocketParams& sp, const char* abortInfo,
+                               bool joinLiterals) {
     StringBuffer tag;
     if (!sendTaggedCommand(name, text, sendError, rs, tag, log, sp)) return false;
-    return getCompleteResponse(tag.getString(), rs.getArray2(), log, sp, false);
+    if (abortInfo) {
+        ProgressMonitor* pm = sp.m_progressMonitor;
+        if (pm && pm->get_Aborted(log)) {
+            log.logInfo(abortInfo);
+            return false;
+        }
+    }
+    return joinLiterals ? getCompleteResponse2(tag.getString(), rs.getArray2(), log, sp)
+                        : getCompleteResponse(tag.getString(), rs.getArray2(), log, sp, false);
 }
 
 // ---------------------------------------------------------------------------
@@ -442,6 +451,12 @@ bool _zrImap::getNResponseBytes(unsigned n, DataBuffer& out, SocketParams& sp, L
         log.logError("Failed to allocate memory for IMAP response bytes.");
         return false;
     }
+    return receiveLiteral(n, out, "imapGetNBYtes", "Failed while receiving IMAP response bytes.", "receiveImapBytes",
+                          log, sp);
+}
+
+bool _zrImap::receiveLiteral(unsigned int n, DataBuffer& out, const char* socketContext, const char* failure,
+                             const char* elapsedKey, LogBase& log, SocketParams& sp) {
     const unsigned start = Psdk::getTickCount();
     if (!m_socket) {
         log.logError(m_noConnectionError);
@@ -449,17 +464,22 @@ bool _zrImap::getNResponseBytes(unsigned n, DataBuffer& out, SocketParams& sp, L
     }
     m_socket->takeRumBuffered(out);
     while (out.getSize() < n) {
+        if (!m_socket) {
+            log.logError(m_noConnectionError);
+            return false;
+        }
         sp.initFlags();
+        // Reads stay within the reservation, so the buffer never moves.
         unsigned room = out.getCapacity() - out.getSize();
         if (room == 0 || room > kRawReadChunk) room = kRawReadChunk;
-        const bool ok = m_socket->receiveBytes2a(out, room, m_readTimeoutMs, sp, log);
-        if (sp.hasAnyError()) sp.logSocketResults("imapGetNBYtes", log);
-        if (!ok || sp.hasAnyError()) {
-            log.logError("Failed while receiving IMAP response bytes.");
+        const bool received = m_socket->receiveBytes2a(out, room, m_readTimeoutMs, sp, log);
+        if (sp.hasAnyError()) sp.logSocketResults(socketContext, log);
+        if (!received) {
+            log.logError(failure);
             return false;
         }
     }
-    if (log.m_verboseLogging) log.LogElapsedMs("receiveImapBytes", start);
+    if (log.m_verboseLogging) log.LogElapsedMs(elapsedKey, start);
     if (out.getSize() > n) {
         // The bytes after the literal belong to the next line.
         const unsigned surplus = out.getSize() - n;

@@ -326,6 +326,7 @@ bool Socket2::socket2Connect(const StringBuffer& hostIn, int port, bool tls, _cl
     }
     clearServerCertInfo();
     sp.m_soSndBuf = tlsSettings.m_soSndBuf;
+    m_lastHost.setString(hostIn);
 
     char host[256];
     if (!bareHost(hostIn, host, sizeof host)) {

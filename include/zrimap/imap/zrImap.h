@@ -19,6 +19,11 @@ namespace zr {
 class Socket2;
 class _clsTls;
 class SystemCerts;
+class SecurePassword;
+class SshTransport;
+class _zrPublicKey;
+class ImapFlags;
+class ImapMsgSummary;
 
 class _zrImap {
 public:
@@ -58,6 +63,12 @@ public:
     void setSoRcvBuf(int n, LogBase& log);
     bool getRemoteServerCert(SystemCerts* certs);
     bool getRemoteServerCertVerified();
+    // SSH tunnel: the next connect runs through a direct-tcpip channel of it.
+    bool useSshTunnel(SshTransport* ssh, LogBase& log);
+    bool sshOpenTunnel(XString& host, int port, _clsTls& tls, LogBase& log, SocketParams& sp);
+    bool sshCloseTunnel(SocketParams& sp, LogBase& log);
+    bool sshAuthenticatePw(XString& user, XString& password, LogBase& log, SocketParams& sp);
+    bool sshAuthenticatePk(XString& user, _zrPublicKey& key, LogBase& log, SocketParams& sp);
     void imapDisconnect(LogBase& log, SocketParams& sp);
     void ensureImapDisconnect(SocketParams& sp);
     void closeImapSocket();
@@ -72,6 +83,95 @@ public:
     bool sendRawCommand_noGetResponse(const char* cmd, ImapResultSet& result, StringBuffer& tag, LogBase& log,
                                       SocketParams& sp);
     bool cmdNoArgs(const char* command, ImapResultSet& rs, LogBase& log, SocketParams& sp);
+
+    // --- mailboxes (names are sent quoted as given, already encoded) ---
+    bool createMailbox(const char* mailbox, ImapResultSet& rs, LogBase& log, SocketParams& sp);
+    bool deleteMailbox2(const char* mailbox, ImapResultSet& rs, LogBase& log, SocketParams& sp);
+    bool subscribe(const char* mailbox, ImapResultSet& rs, LogBase& log, SocketParams& sp);
+    bool unsubscribe(const char* mailbox, ImapResultSet& rs, LogBase& log, SocketParams& sp);
+    bool renameMailbox(const char* fromMailbox, const char* toMailbox, ImapResultSet& rs, LogBase& log,
+                       SocketParams& sp);
+    bool selectMailbox(const char* mailbox, bool bExamine, ImapResultSet& rs, bool& bGotResponse, LogBase& log,
+                       SocketParams& sp);
+    bool getMailboxStatus(const char* mailbox, ImapResultSet& rs, bool& bGotResponse, LogBase& log,
+                          SocketParams& sp);
+    bool listImapMailboxes(bool bSubscribedOnly, const char* reference, const char* pattern, ImapResultSet& rs,
+                           LogBase& log, SocketParams& sp);
+
+    // --- message operations (message sets are sent as given) ---
+    bool setFlagForMsgSet(const char* msgSet, bool bUid, bool bValue, const char* flagName, ImapResultSet& rs,
+                          LogBase& log, SocketParams& sp);
+    bool setFlag_u(unsigned msgId, bool bUid, bool bValue, const char* flagName, ImapResultSet& rs, LogBase& log,
+                   SocketParams& sp);
+    bool storeFlags_u(unsigned msgId, bool bUid, bool bAdd, const char* flagList, ImapResultSet& rs, LogBase& log,
+                      SocketParams& sp);
+    bool setDeleteFlag_u(unsigned seqNum, ImapResultSet& rs, LogBase& log, SocketParams& sp);
+    bool uidSetDeleteFlag_u(unsigned uid, ImapResultSet& rs, LogBase& log, SocketParams& sp);
+    bool copySet(const char* msgSet, bool bUid, const char* toMailbox, ImapResultSet& rs, LogBase& log,
+                 SocketParams& sp);
+    bool copy_u(unsigned msgId, bool bUid, const char* toMailbox, ImapResultSet& rs, LogBase& log, SocketParams& sp);
+    bool moveMessages(const char* msgSet, bool bUid, const char* toMailbox, ImapResultSet& rs, LogBase& log,
+                      SocketParams& sp);
+    bool searchOrSortImap(bool bUid, const char* command, const char* charset, const char* sortOrThreadArg,
+                          const char* criteria, ImapResultSet& rs, LogBase& log, SocketParams& sp);
+    bool appendMime(const char* mailbox, const char* mimeText, const char* date, bool bSeen, bool bDeleted,
+                    bool bFlagged, bool bAnswered, bool bDraft, ExtPtrArraySb& completionLines, ImapResultSet& rs,
+                    LogBase& log, SocketParams& sp);
+    bool fetchFlags_u(unsigned msgId, bool bUid, ImapResultSet& rs, LogBase& log, SocketParams& sp);
+    bool fetchAllFlags(ImapResultSet& rs, LogBase& log, SocketParams& sp);
+    bool fetchMultipleSummaries(const char* msgSet, bool bUid, const char* fetchItems, ImapResultSet& rs,
+                                LogBase& log, SocketParams& sp);
+    bool fetchSummary_u(unsigned msgId, bool bUid, const char* fetchItems, ImapResultSet& rs, LogBase& log,
+                        SocketParams& sp);
+
+    bool fetchMsgSummary_u(unsigned msgId, bool bUid, const char* fetchItems, ImapMsgSummary& summary,
+                           SocketParams& sp, LogBase& log);
+
+    // --- message download (mime receives the raw bytes; bOk: the server said OK) ---
+    bool parseFlagsAndSize(StringBuffer& text, unsigned int& size, ImapFlags& flags, StringBuffer& internalDate,
+                           LogBase& log);
+    bool fetchComplete_u(unsigned int msgId, bool bUid, ImapMsgSummary* summary, ImapFlags& flags,
+                         StringBuffer& internalDate, StringBuffer& responseText, DataBuffer& mime, bool& bOk,
+                         SocketParams& sp, LogBase& log);
+    bool fetchCompleteWithAttachments_u(unsigned int msgId, bool bUid, ImapFlags& flags, StringBuffer& internalDate,
+                                        StringBuffer& responseText, DataBuffer& mime, bool& bOk, SocketParams& sp,
+                                        LogBase& log);
+    bool getCompleteFetchResponse(const char* tag, ImapFlags& flags, StringBuffer& internalDate,
+                                  StringBuffer& responseText, DataBuffer& mime, bool& bOk, SocketParams& sp,
+                                  LogBase& log);
+    bool fetchCompleteWithoutAttachments_u(unsigned int msgId, bool bUid, ImapMsgSummary& summary, ImapFlags& flags,
+                                           StringBuffer& internalDate, StringBuffer& responseText, DataBuffer& mime,
+                                           bool& bOk, SocketParams& sp, LogBase& log);
+    bool getCompleteFetchResponse2(const char* tag, StringBuffer& partSpec, ImapFlags& flags,
+                                   StringBuffer& internalDate, StringBuffer& responseText, DataBuffer& mime,
+                                   bool& bOk, SocketParams& sp, LogBase& log);
+    bool combineFetchParts(DataBuffer& topHeader, DataBuffer& partMimeHeader, DataBuffer& partBody,
+                           DataBuffer& out, LogBase& log);
+    bool fetchAttachment_u(unsigned int msgId, bool bUid, const char* partSpec, StringBuffer& responseText,
+                           DataBuffer& data, bool& bOk, SocketParams& sp, LogBase& log);
+    bool getFetchAttachmentResponse(const char* tag, const char* stopString, StringBuffer& responseText,
+                                    DataBuffer& data, bool& bOk, SocketParams& sp, LogBase& log);
+
+    // --- IDLE monitoring ---
+    // Collects what the server pushed while idling, waiting at most
+    // timeoutMs for the first line (0 or less: only what is already there),
+    // as "<idle>...</idle>".
+    bool idleCheck(int timeoutMs, XString& xmlOut, SocketParams& sp, LogBase& log);
+    bool parseAddIdleResponseLine(StringBuffer& line, XString& xml, LogBase& log);
+
+    // --- authentication (the caller's password is wiped once it is copied) ---
+    bool loginImap(XString& login, SecurePassword& password, ImapResultSet& rs, LogBase& log, SocketParams& sp);
+    bool capability(StringBuffer& out, LogBase& log, SocketParams& sp);
+    bool logout(StringBuffer& responseLine, SocketParams& sp, LogBase& log);
+    bool authenticatePlain(XString& authzId, XString& login, SecurePassword& password, ImapResultSet& rs,
+                           LogBase& log, SocketParams& sp);
+    bool xoauth2Imap(XString& login, SecurePassword& token, ImapResultSet& rs, LogBase& log, SocketParams& sp);
+    bool authenticateCramMd5(XString& login, SecurePassword& password, StringBuffer& finalResponse, LogBase& log,
+                             SocketParams& sp);
+    bool authenticateDigestMd5(XString& login, SecurePassword& password, StringBuffer& response, LogBase& log,
+                               SocketParams& sp);
+    bool authenticateNTLM(XString& login, SecurePassword& password, XString& domain, StringBuffer& finalResponse,
+                          LogBase& log, SocketParams& sp);
 
     // --- response reading ---
     bool getServerResponseLine2(StringBuffer& line, LogBase& log, SocketParams& sp);
@@ -114,12 +214,39 @@ private:
     // success `tag` holds the tag used.
     bool sendTaggedCommand(const char* name, const StringBuffer& text, const char* sendError, ImapResultSet& rs,
                            StringBuffer& tag, LogBase& log, SocketParams& sp);
-    // sendTaggedCommand, then the complete response into rs.
+    // A command whose text is `verb`, one blank and one quoted mailbox name.
+    bool runMailboxCommand(const char* verb, const char* mailbox, const char* sendError, ImapResultSet& rs,
+                           LogBase& log, SocketParams& sp);
+    // sendTaggedCommand, then the complete response into rs. With
+    // `abortInfo`, an abort reported right after sending is logged as that
+    // information and the response is left unread. `joinLiterals` collects
+    // with getCompleteResponse2.
     bool runTaggedCommand(const char* name, const StringBuffer& text, const char* sendError, ImapResultSet& rs,
-                          LogBase& log, SocketParams& sp);
+                          LogBase& log, SocketParams& sp, const char* abortInfo = nullptr,
+                          bool joinLiterals = false);
+    // The fetch command pattern: tag, line, last command, session log, send,
+    // "ImapCmdSent", and the abort check that leaves the response unread.
+    // True when the command is out and the caller should read the response.
+    bool sendFetchCommand(unsigned int msgId, bool bUid, const char* items, StringBuffer& tag, LogBase& log,
+                          SocketParams& sp);
+    // Completes a literal of n bytes in out (its room already reserved):
+    // bytes the line reader holds first, then receives; surplus bytes go
+    // back to the socket. Reports `failure` (or the no-connection message)
+    // and returns false when the bytes do not arrive. With verbose logging,
+    // the time taken is logged under `elapsedKey`.
+    bool receiveLiteral(unsigned int n, DataBuffer& out, const char* socketContext, const char* failure,
+                        const char* elapsedKey, LogBase& log, SocketParams& sp);
+    // Records the "(n bytes)" marker that stands for a literal in the
+    // session log and the progress events.
+    void recordLiteralMarker(unsigned int n, LogBase& log, SocketParams& sp);
     // The raw-command steps common to its three variants.
     bool sendRawLine(const StringBuffer& input, ImapResultSet& result, StringBuffer& tag, LogBase& log,
                      SocketParams& sp);
+    // The SASL exchanges write their lines straight to the transport.
+    bool sendAuthLine(const StringBuffer& text, LogBase& log, SocketParams& sp);
+    // Session log, "ImapCmdResp" progress and `logKey` for one line the
+    // server sent during an authentication exchange.
+    void recordAuthLine(const StringBuffer& line, const char* logKey, LogBase& log, SocketParams& sp);
     void appendBlockHeader(const char* header);
     void releaseSocket();
     void closeAfterFailure();

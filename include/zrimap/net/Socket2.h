@@ -57,6 +57,8 @@ public:
     // the creating site and only shows in diagnostics.
     static Socket2* createNewSocket2(int code);
     int getCreatorCode() const { return m_creatorCode; }
+    // The host name given to the last socket2Connect, as given.
+    const StringBuffer& getLastConnectedHost() const { return m_lastHost; }
 
     // --- connecting ---
 
@@ -211,6 +213,7 @@ private:
     void clearServerCertInfo();
 
     int m_creatorCode;
+    StringBuffer m_lastHost;
     int m_fd = -1;
     net::ByteChannel* m_chan = nullptr;  // owned; TcpChannel or TlsChannel
     char m_remote[80] = {0};             // "127.0.0.1:143", for messages
