@@ -330,3 +330,42 @@ TEST_F(Fetch, SinglePartsComeBackAsSent) {
     EXPECT_EQ(*log.lastData("fetchCommand"), "aaae UID FETCH 9 (BODY[5])");
     EXPECT_TRUE(server.finish()) << server.report();
 }
+
+TEST_F(Fetch, StrategyFetchesTheStructureWhenItHasNone) {
+    // Sequence number 0 is refused before anything is sent; UID 0 is let through.
+    ImapMsgSummary zero;
+    EXPECT_FALSE(imap.fetchMsgSummary_u(0, false, "(UID BODYSTRUCTURE)", zero, sp, log));
+    EXPECT_TRUE(log.hasError("Invalid sequence number.  IMAP sequence numbers begin at 1 (not 0)."));
+    const std::string alternative =
+        "(\"TEXT\" \"PLAIN\" (\"CHARSET\" \"us-ascii\") NIL NIL \"7BIT\" 5 1 NIL NIL NIL)"
+        "(\"TEXT\" \"HTML\" (\"CHARSET\" \"us-ascii\") NIL NIL \"7BIT\" 12 1 NIL NIL NIL) \"ALTERNATIVE\"";
+    // An alternative with a named part: one attachment, text second, so the
+    // part is fetched alone. The structure's name arrives as a literal.
+    server.expect("{tag} UID FETCH 0 (UID BODYSTRUCTURE)\r\n")
+        .send("{tag} NO no such message\r\n")
+        .expect("{tag} UID FETCH 8 (UID BODYSTRUCTURE)\r\n")
+        .send("* 1 FETCH (UID 8 BODYSTRUCTURE ((\"TEXT\" \"PLAIN\" (\"CHARSET\" \"us-ascii\") NIL NIL \"7BIT\" 5 1 NIL "
+              "NIL NIL)(\"APPLICATION\" \"PDF\" (\"NAME\" {4}\r\na\"(b) NIL NIL \"BASE64\" 12 NIL (\"ATTACHMENT\" "
+              "(\"FILENAME\" \"a.pdf\")) NIL) \"ALTERNATIVE\"))\r\n{tag} OK\r\n")
+        .expect("{tag} UID FETCH 8 (FLAGS INTERNALDATE BODY[HEADER] BODY[1.MIME] BODY[1])\r\n")
+        .send("* 1 FETCH (BODY[HEADER] " + lit(kTopHeader) + " BODY[1.MIME] NIL BODY[1] " + lit("Hi") +
+              ")\r\n{tag} OK\r\n")
+        // No attachment in the structure: the whole message.
+        .expect("{tag} UID FETCH 9 (UID BODYSTRUCTURE)\r\n")
+        .send("* 2 FETCH (UID 9 BODYSTRUCTURE (" + alternative + "))\r\n{tag} OK\r\n")
+        .expect("{tag} UID FETCH 9 (FLAGS INTERNALDATE BODY[])\r\n")
+        .send("* 2 FETCH (BODY[] " + lit("whole") + ")\r\n{tag} OK\r\n");
+    start();
+    EXPECT_FALSE(imap.fetchMsgSummary_u(0, true, "(UID BODYSTRUCTURE)", zero, sp, log));
+    EXPECT_TRUE(log.hasError("Non-OK response."));
+    imap.m_autoDownloadAttachments = false;
+    ImapMsgSummary kept;
+    ASSERT_TRUE(imap.fetchComplete_u(8, true, &kept, flags, internalDate, responseText, mime, ok, sp, log))
+        << log.toText();
+    EXPECT_EQ(str(mime), kTopHeader + "--XX\r\nHi\r\n--XX--\r\n");
+    EXPECT_NE(kept.m_loaded, 0);  // the caller's summary was filled and can be reused
+    EXPECT_STREQ(kept.findMsgPart("2")->m_name.getString(), "a\"(b");
+    ASSERT_TRUE(imap.fetchComplete_u(9, true, nullptr, flags, internalDate, responseText, mime, ok, sp, log));
+    EXPECT_EQ(str(mime), "whole");
+    EXPECT_TRUE(server.finish()) << server.report();
+}
