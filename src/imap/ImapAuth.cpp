@@ -7,6 +7,7 @@
 // Every exchange copies the password at the last moment, wipes the caller's
 // copy at once and shows logs and the session log only masked forms.
 #include <cstring>
+#include <string>
 
 #include "zrimap/auth/ClsBase.h"
 #include "zrimap/auth/Digests.h"
@@ -342,6 +343,37 @@ bool _zrImap::xoauth2Imap(XString& login, SecurePassword& token, ImapResultSet& 
 // ---------------------------------------------------------------------------
 // AUTHENTICATE CRAM-MD5
 
+bool _zrImap::startChallengeLogin(const char* mechanism, const char* logStem, StringBuffer& line, LogBase& log,
+                                  SocketParams& sp) {
+    const std::string failed = std::string("Authenticating w/") + mechanism + " FAILED";
+    StringBuffer cmd;
+    getNextTag(cmd);
+    cmd.append2(" AUTHENTICATE ", mechanism);
+    m_lastCommand.setString(cmd);
+    cmd.append("\r\n");
+    appendRequestToSessionLog(cmd.getString());
+    if (!sendAuthLine(cmd, log, sp)) {
+        appendErrorToSessionLog(failed.c_str());
+        closeAfterFailure();
+        return false;
+    }
+    reportProgress(sp, "ImapCmdSent", cmd.getString());
+    log.LogDataSb_copyTrim("ImapCmdSent", cmd);
+
+    if (!getServerResponseLine2(line, log, sp)) {
+        appendErrorToSessionLog((failed + " (2)").c_str());
+        return false;
+    }
+    recordAuthLine(line, (std::string(logStem) + "Response1").c_str(), log, sp);
+    // Also how a NO or BAD to the mechanism shows.
+    if (line.beginsWith("+ ")) return true;
+    line.trim2();
+    log.LogDataSb((std::string(logStem) + "Response").c_str(), line);
+    log.logError((std::string(mechanism) + " not implemented by this IMAP server.").c_str());
+    return false;
+}
+
+
 bool _zrImap::authenticateCramMd5(XString& login, SecurePassword& password, StringBuffer& finalResponse,
                                   LogBase& log, SocketParams& sp) {
     LogContextExitor ctx(log, "authenticateCramMd5");
@@ -350,32 +382,8 @@ bool _zrImap::authenticateCramMd5(XString& login, SecurePassword& password, Stri
         return false;
     }
     appendInfoToSessionLog("(Authenticating w/CRAM-MD5)");
-    StringBuffer cmd;
-    getNextTag(cmd);
-    cmd.append(" AUTHENTICATE CRAM-MD5");
-    m_lastCommand.setString(cmd);
-    cmd.append("\r\n");
-    appendRequestToSessionLog(cmd.getString());
-    if (!sendAuthLine(cmd, log, sp)) {
-        appendErrorToSessionLog("Authenticating w/CRAM-MD5 FAILED");
-        closeAfterFailure();
-        return false;
-    }
-    reportProgress(sp, "ImapCmdSent", cmd.getString());
-    log.LogDataSb_copyTrim("ImapCmdSent", cmd);
-
     StringBuffer line;
-    if (!getServerResponseLine2(line, log, sp)) {
-        appendErrorToSessionLog("Authenticating w/CRAM-MD5 FAILED (2)");
-        return false;
-    }
-    recordAuthLine(line, "cramMd5Response1", log, sp);
-    if (!line.beginsWith("+ ")) {
-        line.trim2();
-        log.LogDataSb("cramMd5Response", line);
-        log.logError("CRAM-MD5 not implemented by this IMAP server.");
-        return false;
-    }
+    if (!startChallengeLogin("CRAM-MD5", "cramMd5", line, log, sp)) return false;
     DataBuffer challenge;
     const char* b64 = line.getString() + 2;
     ContentCoding::decodeBase64ToDb(b64, zrStrLen(b64), challenge);
@@ -427,32 +435,8 @@ bool _zrImap::authenticateDigestMd5(XString& login, SecurePassword& password, St
     }
     appendInfoToSessionLog("(Authenticating w/Digest-MD5)");
     response.clear();  // deliberately never filled
-    StringBuffer cmd;
-    getNextTag(cmd);
-    cmd.append(" AUTHENTICATE DIGEST-MD5");
-    m_lastCommand.setString(cmd);
-    cmd.append("\r\n");
-    appendRequestToSessionLog(cmd.getString());
-    if (!sendAuthLine(cmd, log, sp)) {
-        appendErrorToSessionLog("Authenticating w/DIGEST-MD5 FAILED");
-        closeAfterFailure();
-        return false;
-    }
-    reportProgress(sp, "ImapCmdSent", cmd.getString());
-    log.LogDataSb_copyTrim("ImapCmdSent", cmd);
-
     StringBuffer line;
-    if (!getServerResponseLine2(line, log, sp)) {
-        appendErrorToSessionLog("Authenticating w/DIGEST-MD5 FAILED (2)");
-        return false;
-    }
-    recordAuthLine(line, "digestMd5Response1", log, sp);
-    if (!line.beginsWith("+ ")) {
-        line.trim2();
-        log.LogDataSb("digestMd5Response", line);
-        log.logError("DIGEST-MD5 not implemented by this IMAP server.");
-        return false;
-    }
+    if (!startChallengeLogin("DIGEST-MD5", "digestMd5", line, log, sp)) return false;
 
     // --- the challenge ---
     StringBuffer user(login.getAnsi());

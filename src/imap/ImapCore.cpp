@@ -89,13 +89,6 @@ void _zrImap::appendBlockHeader(const char* header) {
     m_sessionLog.append(header);
 }
 
-void _zrImap::appendRequestToSessionLog(const char* text) {
-    if (!m_keepSessionLog) return;
-    appendBlockHeader("----IMAP REQUEST----\r\n");
-    m_sessionLog.append(text);
-    autoTrimSessionLog();
-}
-
 void _zrImap::appendResponseStartToSessionLog() {
     if (!m_keepSessionLog) return;
     appendBlockHeader("----IMAP RESPONSE----\r\n");
@@ -108,19 +101,18 @@ void _zrImap::appendResponseLineToSessionLog(const char* line) {
     autoTrimSessionLog();
 }
 
-void _zrImap::appendInfoToSessionLog(const char* text) {
+void _zrImap::appendTextBlock(const char* header, const char* text) {
     if (!m_keepSessionLog) return;
-    appendBlockHeader("----INFO----\r\n");
+    appendBlockHeader(header);
     m_sessionLog.append(text);
     autoTrimSessionLog();
 }
 
-void _zrImap::appendErrorToSessionLog(const char* text) {
-    if (!m_keepSessionLog) return;
-    appendBlockHeader("----ERROR----\r\n");
-    m_sessionLog.append(text);
-    autoTrimSessionLog();
-}
+void _zrImap::appendRequestToSessionLog(const char* text) { appendTextBlock("----IMAP REQUEST----\r\n", text); }
+
+void _zrImap::appendInfoToSessionLog(const char* text) { appendTextBlock("----INFO----\r\n", text); }
+
+void _zrImap::appendErrorToSessionLog(const char* text) { appendTextBlock("----ERROR----\r\n", text); }
 
 void _zrImap::autoTrimSessionLog() {
     if (!m_keepSessionLog) return;
@@ -311,10 +303,14 @@ bool _zrImap::abortedByApplication(LogBase& log, SocketParams& sp) {
     return true;
 }
 
-void _zrImap::reportLineReadFailure(LogBase& log, SocketParams& sp) {
-    if (sp.hasOnlyTimeout() && !sp.timeoutIsFailure) return;  // the caller explains
+bool _zrImap::readCollectorLine(StringBuffer& line, bool quietTimeout, LogBase& log, SocketParams& sp) {
+    if (abortedByApplication(log, sp)) return false;
+    line.weakClear();
+    if (getServerResponseLine2(line, log, sp)) return true;
+    if (quietTimeout && sp.hasOnlyTimeout() && !sp.timeoutIsFailure) return false;  // the caller explains
     log.logError(kLineReadFailed);
     appendErrorToSessionLog(kLineReadFailed);
+    return false;
 }
 
 void _zrImap::recordResponseLine(const StringBuffer& line, bool report, LogBase& log, SocketParams& sp) {
@@ -333,12 +329,7 @@ bool _zrImap::getCompleteResponse(const char* tag, ExtPtrArraySb& results, LogBa
 
     StringBuffer line;
     for (;;) {
-        if (abortedByApplication(log, sp)) return false;
-        line.weakClear();
-        if (!getServerResponseLine2(line, log, sp)) {
-            reportLineReadFailure(log, sp);
-            return false;
-        }
+        if (!readCollectorLine(line, true, log, sp)) return false;
         recordResponseLine(line, true, log, sp);
 
         if (line.charAt(0) == '*') {
@@ -375,12 +366,7 @@ bool _zrImap::getCompleteResponse2(const char* tag, ExtPtrArraySb& results, LogB
     StringBuffer line;
     StringBuffer* current = nullptr;  // the untagged line that literal data continues
     for (;;) {
-        if (abortedByApplication(log, sp)) return false;
-        line.weakClear();
-        if (!getServerResponseLine2(line, log, sp)) {
-            reportLineReadFailure(log, sp);
-            return false;
-        }
+        if (!readCollectorLine(line, true, log, sp)) return false;
         const bool untagged = line.charAt(0) == '*';
         const bool tagged = !untagged && std::strncmp(line.getString(), prefix.getString(), prefix.getSize()) == 0;
         recordResponseLine(line, untagged || tagged, log, sp);
@@ -405,14 +391,7 @@ bool _zrImap::getPartialResponse(const char* tagAndSpace, const char* stopString
 
     StringBuffer line;
     for (unsigned linesRead = 0;;) {
-        if (abortedByApplication(log, sp)) return false;
-        line.weakClear();
-        if (!getServerResponseLine2(line, log, sp)) {
-            // Here a time-out counts like any other failure.
-            log.logError(kLineReadFailed);
-            appendErrorToSessionLog(kLineReadFailed);
-            return false;
-        }
+        if (!readCollectorLine(line, false, log, sp)) return false;  // a time-out is a failure here too
         ++linesRead;
         if (log.m_verboseLogging) log.LogDataSb("sbLine", line);
 

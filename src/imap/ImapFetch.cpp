@@ -22,7 +22,6 @@ namespace zr {
 
 namespace {
 
-const char kLineReadFailed[] = "Failed to get next response line from IMAP server.";
 
 // After the tag and its blank: skips further blanks and tests for "OK".
 bool completionSaysOk(const StringBuffer& line, unsigned prefixLen) {
@@ -158,13 +157,7 @@ bool _zrImap::getCompleteFetchResponse(const char* tag, ImapFlags& flags, String
     // Header phase: up to the line that announces the message.
     StringBuffer line;
     for (unsigned linesRead = 0;;) {
-        if (abortedByApplication(log, sp)) return false;
-        line.weakClear();
-        if (!getServerResponseLine2(line, log, sp)) {
-            log.logError(kLineReadFailed);
-            appendErrorToSessionLog(kLineReadFailed);
-            return false;
-        }
+        if (!readCollectorLine(line, false, log, sp)) return false;
         ++linesRead;
         if (line.charAt(0) == '*') {
             recordResponseLine(line, true, log, sp);
@@ -207,13 +200,7 @@ bool _zrImap::getCompleteFetchResponse(const char* tag, ImapFlags& flags, String
     if (log.m_verboseLogging) log.logInfo("Finished receiving MIME.");
     const unsigned start = Psdk::getTickCount();
     for (;;) {
-        if (abortedByApplication(log, sp)) return false;
-        line.weakClear();
-        if (!getServerResponseLine2(line, log, sp)) {
-            log.logError(kLineReadFailed);
-            appendErrorToSessionLog(kLineReadFailed);
-            return false;
-        }
+        if (!readCollectorLine(line, false, log, sp)) return false;
         if (const char* f = std::strstr(line.getString(), "FLAGS (")) {
             const char* open = f + 6;
             if (const char* close = std::strchr(open + 1, ')')) {
@@ -382,10 +369,22 @@ bool _zrImap::getCompleteFetchResponse2(const char* tag, StringBuffer& partSpec,
     };
     const StringBuffer bodyNil = with(body, " NIL"), bodyLiteral = with(body, " {"), bodyEmpty = with(body, " \"\"");
     const StringBuffer mimeNil = with(mimeItem, " NIL"), mimeLiteral = with(mimeItem, " {");
+    StringBuffer line;
 
+    // The size of the literal announced right after `needle`; false after
+    // reporting why not.
+    auto literalSize = [&](const StringBuffer& needle, const char* notFound, int& n) {
+        const int at = line.indexOf(needle.getString());
+        if (at < 0 || _zrStdio::_zrSscanf1(line.getString() + at + needle.getSize(), "%d", &n) != 1) {
+            log.logError(at < 0 ? notFound : "Failed to parse part size");
+            log.LogDataSb("responseLine", line);
+            return false;
+        }
+        if (verbose) log.LogDataLong("partSize", n);
+        return true;
+    };
     bool bodyDone = false, mimeDone = false, closeSeen = false;
     DataBuffer partBody, partMime;
-    StringBuffer line;
     while (!(bodyDone && mimeDone)) {
         std::optional<LogContextExitor> passCtx, readCtx;
         if (verbose) passCtx.emplace(log, "nextResponseLine");
@@ -420,19 +419,8 @@ bool _zrImap::getCompleteFetchResponse2(const char* tag, StringBuffer& partSpec,
                         closeSeen = true;
                     bodyDone = true;
                 } else if (line.containsSubstring(bodyLiteral.getString())) {
-                    const int at = line.indexOf(bodyLiteral.getString());
                     int n = 0;
-                    if (at < 0) {
-                        log.logError("Error parsing BODY[part] response line.");
-                        log.LogDataSb("responseLine", line);
-                        return false;
-                    }
-                    if (_zrStdio::_zrSscanf1(line.getString() + at + bodyLiteral.getSize(), "%d", &n) != 1) {
-                        log.logError("Failed to parse part size");
-                        log.LogDataSb("responseLine", line);
-                        return false;
-                    }
-                    if (verbose) log.LogDataLong("partSize", n);
+                    if (!literalSize(bodyLiteral, "Error parsing BODY[part] response line.", n)) return false;
                     if (n == 0) {
                         if (verbose) log.logInfo("Body part size is 0.");
                     } else {
@@ -474,19 +462,8 @@ bool _zrImap::getCompleteFetchResponse2(const char* tag, StringBuffer& partSpec,
                 log.LogDataSb("responseLine", line);
                 return false;
             } else {
-                const int at = line.indexOf(mimeLiteral.getString());
                 int n = 0;
-                if (at < 0) {
-                    log.logError("Error parsing BODY[part.MIME] response line.");
-                    log.LogDataSb("responseLine", line);
-                    return false;
-                }
-                if (_zrStdio::_zrSscanf1(line.getString() + at + mimeLiteral.getSize(), "%d", &n) != 1) {
-                    log.logError("Failed to parse part size");
-                    log.LogDataSb("responseLine", line);
-                    return false;
-                }
-                if (verbose) log.LogDataLong("partSize", n);
+                if (!literalSize(mimeLiteral, "Error parsing BODY[part.MIME] response line.", n)) return false;
                 if (n > 0 && !getNResponseBytes(static_cast<unsigned>(n), partMime, sp, log)) {
                     log.logError("Failed to read BODY[part.MIME] bytes.");
                     return false;

@@ -5,20 +5,15 @@
 #include <cstring>
 #include <string>
 
+#include "WireText.h"
 #include "zrimap/imap/zrImap.h"
 #include "zrimap/net/Socket2.h"
 
 namespace zr {
 
-namespace {
+using wire::appendQuoted;
 
-// Appends `"text"` with no escaping: names arrive encoded as the caller
-// wants them on the wire.
-void appendQuoted(StringBuffer& out, const char* text) {
-    out.appendChar('"');
-    out.append(text);
-    out.appendChar('"');
-}
+namespace {
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 

@@ -8,28 +8,14 @@
 #include "zrimap/base/ImapMsgSummary.h"
 #include "zrimap/base/Progress.h"
 #include "zrimap/base/StrFunctions.h"
+#include "WireText.h"
 #include "zrimap/imap/zrImap.h"
 #include "zrimap/net/Socket2.h"
 
 namespace zr {
 
-namespace {
-
-void appendQuoted(StringBuffer& out, const char* text) {
-    out.appendChar('"');
-    out.append(text);
-    out.appendChar('"');
-}
-
-// "UID " in front of the command word when the message numbers are UIDs.
-StringBuffer commandWord(bool bUid, const char* word) {
-    StringBuffer text(bUid ? "UID " : "");
-    text.append(word);
-    text.appendChar(' ');
-    return text;
-}
-
-}  // namespace
+using wire::appendQuoted;
+using wire::commandWord;
 
 // ---------------------------------------------------------------------------
 // Flag stores

@@ -248,6 +248,12 @@ private:
     // server sent during an authentication exchange.
     void recordAuthLine(const StringBuffer& line, const char* logKey, LogBase& log, SocketParams& sp);
     void appendBlockHeader(const char* header);
+    void appendTextBlock(const char* header, const char* text);
+    // Sends "AUTHENTICATE <mechanism>" straight to the transport and reads
+    // the challenge into line; false, with the mechanism's numbered
+    // failures, unless the server answered "+ ".
+    bool startChallengeLogin(const char* mechanism, const char* logStem, StringBuffer& line, LogBase& log,
+                             SocketParams& sp);
     void releaseSocket();
     void closeAfterFailure();
     // Logs, reports and session-logs one received line (the per-line
@@ -256,9 +262,10 @@ private:
     // The abort check made before each response line; disconnects when the
     // application asked to stop.
     bool abortedByApplication(LogBase& log, SocketParams& sp);
-    // The collectors' report of a failed line read (silent for a bare
-    // time-out when the caller does not count it as a failure).
-    void reportLineReadFailure(LogBase& log, SocketParams& sp);
+    // One response line for a collector: the abort check, then the read.
+    // A failed read is reported (quietly for a bare time-out when
+    // `quietTimeout` and the caller does not count time-outs as failures).
+    bool readCollectorLine(StringBuffer& line, bool quietTimeout, LogBase& log, SocketParams& sp);
 };
 
 }  // namespace zr
