@@ -18,5 +18,6 @@
 #include "zrimap/imap/ImapFlags.h"
 #include "zrimap/imap/zrImap.h"
 #include "zrimap/net/Socket2.h"
+#include "zrimap/net/Ssh.h"
 #include "zrimap/net/SystemCerts.h"
 #include "zrimap/net/TlsSettings.h"

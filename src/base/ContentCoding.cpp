@@ -21,8 +21,9 @@ struct DecodeTable {
     DecodeTable() {
         for (int i = 0; i < 256; ++i) v[i] = kBad;
         for (int i = 0; i < 64; ++i) v[static_cast<unsigned char>(kAlphabet[i])] = static_cast<signed char>(i);
-        v[' '] = v['\t'] = v['\r'] = v['\n'] = kSkip;
-        v['='] = kPad;
+        const unsigned char blanks[] = {' ', '\t', '\r', '\n'};
+        for (unsigned char c : blanks) v[c] = kSkip;
+        v[static_cast<unsigned char>('=')] = kPad;
     }
 };
 const DecodeTable kDecode;

@@ -166,16 +166,34 @@ bool StringBuffer::append(const DataBuffer& db) {
     return appendN(reinterpret_cast<const char*>(db.getData2()), db.getSize());
 }
 
+namespace {
+// The decimal digits of n, written backwards from `end`; returns the first.
+// Commands carry a number or two each (UIDs, sizes), and snprintf costs
+// several times what the digits do.
+char* decimalDigits(char* end, unsigned long long n) {
+    do {
+        *--end = static_cast<char>('0' + n % 10);
+        n /= 10;
+    } while (n);
+    return end;
+}
+}  // namespace
+
 bool StringBuffer::append(int n) {
     char tmp[16];
-    const int len = std::snprintf(tmp, sizeof tmp, "%d", n);
-    return appendN(tmp, static_cast<unsigned>(len));
+    char* end = tmp + sizeof tmp;
+    // The magnitude in unsigned arithmetic, so that INT_MIN needs no case.
+    const unsigned magnitude = n < 0 ? 0u - static_cast<unsigned>(n) : static_cast<unsigned>(n);
+    char* p = decimalDigits(end, magnitude);
+    if (n < 0) *--p = '-';
+    return appendN(p, static_cast<unsigned>(end - p));
 }
 
 bool StringBuffer::append(unsigned n) {
     char tmp[16];
-    const int len = std::snprintf(tmp, sizeof tmp, "%u", n);
-    return appendN(tmp, static_cast<unsigned>(len));
+    char* end = tmp + sizeof tmp;
+    char* p = decimalDigits(end, n);
+    return appendN(p, static_cast<unsigned>(end - p));
 }
 
 bool StringBuffer::appendUint64(uint64_t n) {

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "ResponseBudget.h"
 #include "zrimap/auth/ClsBase.h"
 #include "zrimap/auth/Digests.h"
 #include "zrimap/auth/Http.h"
@@ -307,6 +308,7 @@ bool _zrImap::xoauth2Imap(XString& login, SecurePassword& token, ImapResultSet& 
     StringBuffer prefix(tag);
     prefix.appendChar(' ');
     StringBuffer line;
+    ResponseBudget budget;
     for (;;) {
         ProgressMonitor* pm = sp.m_progressMonitor;
         if (pm && pm->get_Aborted(log)) {
@@ -321,6 +323,7 @@ bool _zrImap::xoauth2Imap(XString& login, SecurePassword& token, ImapResultSet& 
             appendErrorToSessionLog("Failed to get XOAUTH2 next response line from IMAP server.");
             return false;
         }
+        if (!budget.charge(line.getSize())) return budget.fail(*this, log);
         appendResponseLineToSessionLog(line.getString());
         reportProgress(sp, "ImapCmdResp", line.getString());
         if (log.m_verboseLogging) log.LogDataSb_copyTrim("ImapCmdResp", line);

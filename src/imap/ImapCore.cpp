@@ -4,13 +4,18 @@
 //
 // IMAP4rev1 is RFC 3501; IDLE (whose DONE the argument-less commands send)
 // is RFC 2177; STARTTLS is section 6.2.1 of RFC 3501.
+#include <unistd.h>
+
+#include <cstdint>
 #include <cstring>
 
+#include "ResponseBudget.h"
 #include "zrimap/base/ImapResultSet.h"
 #include "zrimap/base/Progress.h"
 #include "zrimap/base/StrFunctions.h"
 #include "zrimap/imap/zrImap.h"
 #include "zrimap/net/Socket2.h"
+#include "zrimap/net/Ssh.h"
 #include "zrimap/net/TlsSettings.h"
 
 namespace zr {
@@ -20,6 +25,8 @@ namespace {
 constexpr unsigned kSessionLogTrimAbove = 25000000;
 constexpr unsigned kSessionLogKeep = 20000000;
 constexpr unsigned kFewBytesLimit = 2048;
+// Literal bytes are read straight into their reservation, at most this
+// much per receive.
 constexpr unsigned kRawReadChunk = 16384;
 constexpr unsigned kLiteralHeadroom = 2048;
 
@@ -278,14 +285,21 @@ bool _zrImap::getServerResponseLine2(StringBuffer& line, LogBase& log, SocketPar
     }
     // The flags must describe this read alone, not an earlier call's.
     sp.initFlags();
+    const unsigned before = line.getSize();
     bool ok = m_socket->receiveUntilMatchSb("\r\n", line, m_readTimeoutMs, sp, log);
     if (sp.hasAnyError()) {
         sp.logSocketResults("getImapResponseLine", log);
         ok = false;
     }
     if (ok) {
-        // Some servers double the carriage return.
-        const int repaired = line.replaceAllOccurances("\r\r\n", "\r\n");
+        // Some servers double the carriage return. A line ends at its first
+        // CRLF, so in a line read into an empty buffer "\r\r\n" can only be
+        // its last three bytes; the whole line is searched (and rebuilt) only
+        // when the buffer held text before or the line ends that way.
+        const unsigned size = line.getSize();
+        const bool doubled =
+            before > 0 || (size >= 3 && std::memcmp(line.getString() + size - 3, "\r\r\n", 3) == 0);
+        const int repaired = doubled ? line.replaceAllOccurances("\r\r\n", "\r\n") : 0;
         if (repaired > 0 && log.m_verboseLogging) log.LogDataLong("CRCRLF_numReplaced", repaired);
         return true;
     }
@@ -328,8 +342,10 @@ bool _zrImap::getCompleteResponse(const char* tag, ExtPtrArraySb& results, LogBa
     appendResponseStartToSessionLog();
 
     StringBuffer line;
+    ResponseBudget budget;
     for (;;) {
         if (!readCollectorLine(line, true, log, sp)) return false;
+        if (!budget.charge(line.getSize())) return budget.fail(*this, log);
         recordResponseLine(line, true, log, sp);
 
         if (line.charAt(0) == '*') {
@@ -365,8 +381,10 @@ bool _zrImap::getCompleteResponse2(const char* tag, ExtPtrArraySb& results, LogB
 
     StringBuffer line;
     StringBuffer* current = nullptr;  // the untagged line that literal data continues
+    ResponseBudget budget;
     for (;;) {
         if (!readCollectorLine(line, true, log, sp)) return false;
+        if (!budget.charge(line.getSize())) return budget.fail(*this, log);
         const bool untagged = line.charAt(0) == '*';
         const bool tagged = !untagged && std::strncmp(line.getString(), prefix.getString(), prefix.getSize()) == 0;
         recordResponseLine(line, untagged || tagged, log, sp);
@@ -390,8 +408,10 @@ bool _zrImap::getPartialResponse(const char* tagAndSpace, const char* stopString
     if (log.m_verboseLogging && stopString) log.logData("stopString", stopString);
 
     StringBuffer line;
+    ResponseBudget budget;
     for (unsigned linesRead = 0;;) {
         if (!readCollectorLine(line, false, log, sp)) return false;  // a time-out is a failure here too
+        if (!budget.charge(line.getSize())) return budget.fail(*this, log);
         ++linesRead;
         if (log.m_verboseLogging) log.LogDataSb("sbLine", line);
 
@@ -428,6 +448,9 @@ bool _zrImap::getNResponseBytes(unsigned n, DataBuffer& out, SocketParams& sp, L
     // in place, without a reallocation or a second copy.
     if (reserve > 0xFFFFFFFFull || !out.ensureBuffer(static_cast<unsigned>(reserve))) {
         log.logError("Failed to allocate memory for IMAP response bytes.");
+        // The refused literal is still on its way; nothing after it could be
+        // told apart from its bytes.
+        closeAfterFailure();
         return false;
     }
     return receiveLiteral(n, out, "imapGetNBYtes", "Failed while receiving IMAP response bytes.", "receiveImapBytes",
@@ -455,6 +478,8 @@ bool _zrImap::receiveLiteral(unsigned int n, DataBuffer& out, const char* socket
         if (sp.hasAnyError()) sp.logSocketResults(socketContext, log);
         if (!received) {
             log.logError(failure);
+            // The rest of the literal would be read as response lines.
+            closeAfterFailure();
             return false;
         }
     }
@@ -567,6 +592,20 @@ void _zrImap::imapDisconnect(LogBase& log, SocketParams& sp) {
     m_numEmailsInMailbox = 0;
     if (!m_socket) return;
     appendInfoToSessionLog("Disconnecting...");
+    if (m_socket->isSsh()) {
+        // Only the channel goes; the tunnel stays for the next connect.
+        if (log.m_verboseLogging) log.logInfo("Closing the SSH channel, if it exists.");
+        SshReadParams rp;
+        rp.m_waitForPeerClose = true;
+        rp.m_timeoutMs = SshReadParams::closeTimeoutFor(m_readTimeoutMs);
+        rp.m_rawTimeoutMs = m_readTimeoutMs;
+        m_socket->sshCloseChannel(rp, sp, log);
+        if (m_socket->isSsh()) return;
+        log.logError("Lost SSH tunnel when closing the channel.");
+        m_socket->sockClose(true, true, m_readTimeoutMs, log, sp.m_progressMonitor, false);
+        releaseSocket();
+        return;
+    }
     log.logInfo("Closing the non-SSH tunneled IMAP connection.");
     m_socket->sockClose(true, true, m_readTimeoutMs, log, sp.m_progressMonitor, false);
     releaseSocket();

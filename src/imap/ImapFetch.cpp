@@ -10,6 +10,7 @@
 #include <cstring>
 #include <optional>
 
+#include "ResponseBudget.h"
 #include "zrimap/base/ImapMsgSummary.h"
 #include "zrimap/base/MimeParser.h"
 #include "zrimap/base/Progress.h"
@@ -46,10 +47,23 @@ bool _zrImap::parseFlagsAndSize(StringBuffer& text, unsigned int& size, ImapFlag
     size = 0;
     flags.clearImapFlags();
     internalDate.clear();
-    StringBuffer copy(text);
-    copy.trim2();
-    if (log.m_verboseLogging) log.LogDataSb("flagsAndSizeData", copy);
-    const char* s = copy.getString();
+    // A NUL would end the searches below early and could hide the literal
+    // the server announced; no valid response carries one.
+    if (std::memchr(text.getString(), 0, text.getSize())) {
+        log.logError("The FETCH response contains a NUL byte.");
+        return false;
+    }
+    // The text is searched in place, from its first character that is not a
+    // blank or line end up to its first NUL: what a trimmed copy would show
+    // to these searches, since none of them can match trailing white space.
+    // The trimmed copy itself is made only for the log entries that show it.
+    if (log.m_verboseLogging) {
+        StringBuffer copy(text);
+        copy.trim2();
+        log.LogDataSb("flagsAndSizeData", copy);
+    }
+    const char* s = text.getString();
+    while (*s == ' ' || *s == '\t' || *s == '\r' || *s == '\n') ++s;
 
     if (const char* date = std::strstr(s, "INTERNALDATE")) {
         const char* p = date + 12;
@@ -63,20 +77,26 @@ bool _zrImap::parseFlagsAndSize(StringBuffer& text, unsigned int& size, ImapFlag
     // Only the first "{" counts, wherever it stands; the flags are looked
     // for only before it.
     const char* brace = std::strchr(s, '{');
-    StringBuffer region;
+    const char* regionEnd;
     if (brace) {
-        region.appendN(s, static_cast<unsigned>(brace - s + 1));
+        regionEnd = brace + 1;
     } else {
         log.logInfo("Body size is 0 bytes.");
-        if (!log.m_verboseLogging) log.LogDataSb("flagsAndSizeData", copy);
-        region.append(s);
+        if (!log.m_verboseLogging) {
+            StringBuffer copy(text);
+            copy.trim2();
+            log.LogDataSb("flagsAndSizeData", copy);
+        }
+        regionEnd = s + std::strlen(s);
     }
     StringBuffer flagList;
-    const int at = region.indexOf("FLAGS");
-    if (at >= 0) {
-        const int open = region.indexOf("(", static_cast<unsigned>(at));
-        const int close = open >= 0 ? region.indexOf(")", static_cast<unsigned>(open) + 1) : -1;
-        if (close >= 0) flagList.appendN(region.getString() + open + 1, static_cast<unsigned>(close - open - 1));
+    const size_t regionLen = static_cast<size_t>(regionEnd - s);
+    if (const char* at = static_cast<const char*>(memmem(s, regionLen, "FLAGS", 5))) {
+        const char* open = static_cast<const char*>(std::memchr(at, '(', static_cast<size_t>(regionEnd - at)));
+        const char* close =
+            open ? static_cast<const char*>(std::memchr(open + 1, ')', static_cast<size_t>(regionEnd - open - 1)))
+                 : nullptr;
+        if (close) flagList.appendN(open + 1, static_cast<unsigned>(close - open - 1));
     }
     if (log.m_verboseLogging) log.LogDataSb("flags", flagList);
     flags.setFlags(flagList);
@@ -118,6 +138,9 @@ bool _zrImap::sendFetchCommand(unsigned int msgId, bool bUid, const char* items,
 }
 
 void _zrImap::recordLiteralMarker(unsigned int n, LogBase& log, SocketParams& sp) {
+    // The marker goes only to the session log, the progress events and the
+    // verbose log; with none of them there, it is not worth formatting.
+    if (!m_keepSessionLog && !sp.m_progressMonitor && !log.m_verboseLogging) return;
     StringBuffer marker("(");
     marker.append(n);
     marker.append(" bytes)\r\n");
@@ -156,8 +179,10 @@ bool _zrImap::getCompleteFetchResponse(const char* tag, ImapFlags& flags, String
 
     // Header phase: up to the line that announces the message.
     StringBuffer line;
+    ResponseBudget budget;
     for (unsigned linesRead = 0;;) {
         if (!readCollectorLine(line, false, log, sp)) return false;
+        if (!budget.charge(line.getSize())) return budget.fail(*this, log);
         ++linesRead;
         if (line.charAt(0) == '*') {
             recordResponseLine(line, true, log, sp);
@@ -180,6 +205,7 @@ bool _zrImap::getCompleteFetchResponse(const char* tag, ImapFlags& flags, String
     unsigned size = 0;
     if (!parseFlagsAndSize(responseText, size, flags, internalDate, log)) {
         log.logError("Failed to parse flags and message size.");
+        closeAfterFailure();  // where the message would end is unknown
         return false;
     }
     if (log.m_verboseLogging) log.LogDataLong("msgSize", static_cast<long>(size));
@@ -187,6 +213,7 @@ bool _zrImap::getCompleteFetchResponse(const char* tag, ImapFlags& flags, String
         const unsigned long long reserve = static_cast<unsigned long long>(size) + 2048;
         if (reserve > 0xFFFFFFFFull || !mime.ensureBuffer(static_cast<unsigned>(reserve))) {
             log.logError("Failed to allocate memory for MIME.");
+            closeAfterFailure();  // the refused message is still on its way
             return false;
         }
         if (!receiveLiteral(size, mime, "imapGetCompleteResponse", "Failed while receiving MIME.",
@@ -201,6 +228,7 @@ bool _zrImap::getCompleteFetchResponse(const char* tag, ImapFlags& flags, String
     const unsigned start = Psdk::getTickCount();
     for (;;) {
         if (!readCollectorLine(line, false, log, sp)) return false;
+        if (!budget.charge(line.getSize())) return budget.fail(*this, log);
         if (const char* f = std::strstr(line.getString(), "FLAGS (")) {
             const char* open = f + 6;
             if (const char* close = std::strchr(open + 1, ')')) {
@@ -333,6 +361,7 @@ bool _zrImap::getCompleteFetchResponse2(const char* tag, StringBuffer& partSpec,
     unsigned headerSize = 0;
     if (!parseFlagsAndSize(responseText, headerSize, flags, internalDate, log)) {
         log.logError("Failed to parse flags and top header size.");
+        closeAfterFailure();  // where the header would end is unknown
         return false;
     }
     if (verbose) log.LogDataLong("imapTopHeaderSize", static_cast<long>(headerSize));
@@ -372,12 +401,14 @@ bool _zrImap::getCompleteFetchResponse2(const char* tag, StringBuffer& partSpec,
     StringBuffer line;
 
     // The size of the literal announced right after `needle`; false after
-    // reporting why not.
+    // reporting why not. A negative size is refused rather than read as an
+    // empty literal, and the connection goes: the literal's bytes follow.
     auto literalSize = [&](const StringBuffer& needle, const char* notFound, int& n) {
         const int at = line.indexOf(needle.getString());
-        if (at < 0 || _zrStdio::_zrSscanf1(line.getString() + at + needle.getSize(), "%d", &n) != 1) {
+        if (at < 0 || _zrStdio::_zrSscanf1(line.getString() + at + needle.getSize(), "%d", &n) != 1 || n < 0) {
             log.logError(at < 0 ? notFound : "Failed to parse part size");
             log.LogDataSb("responseLine", line);
+            closeAfterFailure();
             return false;
         }
         if (verbose) log.LogDataLong("partSize", n);
@@ -385,6 +416,8 @@ bool _zrImap::getCompleteFetchResponse2(const char* tag, StringBuffer& partSpec,
     };
     bool bodyDone = false, mimeDone = false, closeSeen = false;
     DataBuffer partBody, partMime;
+    ResponseBudget budget;
+    budget.charge(responseText.getSize());  // what the header phase kept counts too
     while (!(bodyDone && mimeDone)) {
         std::optional<LogContextExitor> passCtx, readCtx;
         if (verbose) passCtx.emplace(log, "nextResponseLine");
@@ -397,6 +430,7 @@ bool _zrImap::getCompleteFetchResponse2(const char* tag, StringBuffer& partSpec,
             appendErrorToSessionLog("Failed to get read next BODY[part] response line.");
             return false;
         }
+        if (!budget.charge(line.getSize())) return budget.fail(*this, log);
         responseText.append(line);
         recordResponseLine(line, true, log, sp);
 
@@ -585,8 +619,9 @@ bool _zrImap::getFetchAttachmentResponse(const char* tag, const char* stopString
         return false;
     }
     int n = 0;
-    if (_zrStdio::_zrSscanf1(brace + 1, "%d", &n) != 1) {
+    if (_zrStdio::_zrSscanf1(brace + 1, "%d", &n) != 1 || n < 0) {
         log.logError("Failed to parse attachment data size");
+        closeAfterFailure();  // the literal's bytes follow; they must not be read as lines
         return false;
     }
     if (n > 0) {

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "ResponseBudget.h"
 #include "WireText.h"
 #include "zrimap/imap/zrImap.h"
 #include "zrimap/net/Socket2.h"
@@ -161,6 +162,7 @@ bool _zrImap::idleCheck(int timeoutMs, XString& xmlOut, SocketParams& sp, LogBas
     bool result = true;
     LogNull quiet;
     StringBuffer line;
+    ResponseBudget budget;
     for (;;) {
         if (!m_socket) {
             result = false;
@@ -184,8 +186,14 @@ bool _zrImap::idleCheck(int timeoutMs, XString& xmlOut, SocketParams& sp, LogBas
         }
         line.replaceAllOccurances("\r\r\n", "\r\n");
         wait = 1;  // drain what is already here, then stop
-        if (line.equals("\r\n")) continue;
-        if (!parseAddIdleResponseLine(line, xmlOut, log)) log.LogDataSb("idleResponseParseError", line);
+        if (!line.equals("\r\n") && !parseAddIdleResponseLine(line, xmlOut, log))
+            log.LogDataSb("idleResponseParseError", line);
+        if (!budget.charge(line.getSize())) {
+            // A server that never stops pushing must not hold the caller here
+            // for ever; what it sends next stays queued for the next check.
+            log.logInfo("IDLE data reached the buffer limit; the rest is left for the next check.");
+            break;
+        }
     }
     xmlOut.appendUtf8("</idle>");
     return result;

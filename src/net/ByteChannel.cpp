@@ -76,11 +76,45 @@ namespace {
 
 TlsChannel* channelOf(BIO* b) { return static_cast<TlsChannel*>(BIO_get_data(b)); }
 
+// For a session over another channel: one call to it, with its answer
+// turned into BIO terms.
+int lowerIo(BIO* b, TlsChannel* ch, bool writing, char* data, size_t n, size_t* moved) {
+    ByteChannel* low = ch->lower();
+    const unsigned want = n > 0x40000000u ? 0x40000000u : static_cast<unsigned>(n);
+    unsigned done = 0;
+    const Io io = writing ? low->writeSome(reinterpret_cast<const unsigned char*>(data), want, done)
+                          : low->readSome(reinterpret_cast<unsigned char*>(data), want, done);
+    switch (io) {
+    case Io::Ok:
+        *moved = done;
+        return 1;
+    case Io::WantRead:
+    case Io::WantWrite:
+        ch->noteLowerWait(io);
+        if (writing)
+            BIO_set_retry_write(b);
+        else
+            BIO_set_retry_read(b);
+        return 0;
+    case Io::Eof:
+        if (writing)
+            ch->noteLowerFailure(low->errorText(), EPIPE);
+        else
+            ch->noteEof();
+        return 0;
+    case Io::Error:
+        ch->noteLowerFailure(low->errorText(), low->lastErrno());
+        return 0;
+    }
+    return 0;
+}
+
 int bioWriteEx(BIO* b, const char* data, size_t n, size_t* written) {
     *written = 0;
     BIO_clear_retry_flags(b);
     TlsChannel* ch = channelOf(b);
     if (!ch) return 0;
+    if (ch->lower()) return lowerIo(b, ch, true, const_cast<char*>(data), n, written);
     for (;;) {
         const ssize_t r = ::send(ch->fd(), data, n, MSG_NOSIGNAL);
         if (r >= 0) {
@@ -102,6 +136,7 @@ int bioReadEx(BIO* b, char* data, size_t n, size_t* got) {
     BIO_clear_retry_flags(b);
     TlsChannel* ch = channelOf(b);
     if (!ch) return 0;
+    if (ch->lower()) return lowerIo(b, ch, false, data, n, got);
     for (;;) {
         const ssize_t r = ::recv(ch->fd(), data, n, 0);
         if (r > 0) {
@@ -188,7 +223,7 @@ bool isIpLiteral(const char* host) {
 }  // namespace
 
 TlsChannel* TlsChannel::create(int fd, const _clsTls& settings, TlsVersion minVersion, const char* host,
-                               bool sni, char* errText, unsigned errTextSize) {
+                               bool sni, char* errText, unsigned errTextSize, ByteChannel* lower) {
     auto fail = [&](TlsChannel* ch, const char* what) -> TlsChannel* {
         char queue[200] = {0};
         bool eof = false;
@@ -200,6 +235,7 @@ TlsChannel* TlsChannel::create(int fd, const _clsTls& settings, TlsVersion minVe
     ERR_clear_error();
     TlsChannel* ch = new (std::nothrow) TlsChannel(fd);
     if (!ch) return fail(nullptr, "out of memory");
+    ch->m_lower = lower;
 
     ch->m_ctx = SSL_CTX_new(TLS_client_method());
     if (!ch->m_ctx) return fail(ch, "cannot create a TLS context");
@@ -259,6 +295,18 @@ void TlsChannel::beginCall() {
     // an unrelated call must not be there.
     ERR_clear_error();
     m_sysErrno = 0;
+    m_lowerFailed = false;
+}
+
+void TlsChannel::noteLowerFailure(const char* text, int err) {
+    m_lowerFailed = true;
+    m_lowerErrno = err;
+    std::snprintf(m_lowerError, sizeof m_lowerError, "%s", text ? text : "");
+}
+
+short TlsChannel::waitEvents(Io io) const {
+    // What the channel underneath was blocked on, not what TLS wants next.
+    return m_lower ? m_lower->waitEvents(m_lowerWait) : ByteChannel::waitEvents(io);
 }
 
 Io TlsChannel::classify(int ret, const char* during) {
@@ -278,6 +326,11 @@ Io TlsChannel::classify(int ret, const char* during) {
     char queue[200] = {0};
     bool sawEof = false;
     drainErrorQueue(queue, sizeof queue, sawEof);
+    if (m_lowerFailed) {
+        setError(m_lowerError, false);
+        m_errno = m_lowerErrno;
+        return Io::Error;
+    }
     if (m_sysErrno != 0) {
         setSystemError(nullptr, m_sysErrno);
         return Io::Error;

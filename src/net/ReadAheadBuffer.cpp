@@ -12,6 +12,8 @@ namespace {
 // Reads come in pieces of tens of kilobytes; a smaller first block would
 // only be regrown at once.
 constexpr uint64_t kMinBlock = 16 * 1024;
+// How much spare room prepend() keeps when it reuses the block in place.
+constexpr uint64_t kKeepSlack = 1024 * 1024;
 }  // namespace
 
 ReadAheadBuffer::~ReadAheadBuffer() { clear(); }
@@ -89,6 +91,22 @@ bool ReadAheadBuffer::prepend(const unsigned char* bytes, unsigned n) {
     if (m_head >= n) {
         m_head -= n;
         std::memmove(m_block + m_head, bytes, n);
+        return true;
+    }
+    // The block has room: slide the unread bytes up and put the new ones in
+    // front. A new block here would be smaller than the current one, and the
+    // next read would only grow it again (two allocations per literal).
+    // Bytes from inside the block itself take the copying path below, as the
+    // slide could overwrite them; so does a block far larger than needed
+    // (left by a very long line), which that path gives back.
+    const uintptr_t from = reinterpret_cast<uintptr_t>(bytes);
+    const uintptr_t base = reinterpret_cast<uintptr_t>(m_block);
+    const bool inside = m_block && from < base + m_capacity && from + n > base;
+    if (!inside && m_capacity - unread >= n && m_capacity - unread - n <= kKeepSlack) {
+        if (unread) std::memmove(m_block + n, m_block + m_head, static_cast<size_t>(unread));
+        std::memcpy(m_block, bytes, n);
+        m_head = 0;
+        m_end = static_cast<unsigned>(unread + n);
         return true;
     }
     // The caller's bytes may lie inside the current block, so they are copied

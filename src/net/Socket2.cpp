@@ -18,39 +18,29 @@
 #include <new>
 
 #include "ByteChannel.h"
+#include "NetSupport.h"
 #include "zrimap/base/BufferLimits.h"
 #include "zrimap/base/DataBuffer.h"
 #include "zrimap/base/LogBase.h"
 #include "zrimap/base/Progress.h"
 #include "zrimap/base/SocketParams.h"
 #include "zrimap/base/StringBuffer.h"
+#include "zrimap/net/Ssh.h"
 
 namespace zr {
 
+using net::bareHost;
+using net::kCloseWaitCapMs;
+using net::logf;
+
 namespace {
 
-constexpr unsigned kAbortCheckMs = 100;
 constexpr unsigned kReadChunk = 64 * 1024;
 // One direct read never asks the caller's buffer for more room than this,
 // so a huge maxBytes does not make the buffer reserve it all up front.
 constexpr unsigned kDirectReadMax = 1024 * 1024;
 constexpr unsigned kDefaultSendChunk = 64 * 1024;
 constexpr unsigned kBulkSendChunk = 64 * 1024;
-constexpr unsigned kCloseWaitCapMs = 2000;
-
-using Clock = std::chrono::steady_clock;
-
-__attribute__((format(printf, 3, 4))) void logf(LogBase& log, bool error, const char* fmt, ...) {
-    char text[768];
-    va_list ap;
-    va_start(ap, fmt);
-    std::vsnprintf(text, sizeof text, fmt, ap);
-    va_end(ap);
-    if (error)
-        log.logError(text);
-    else
-        log.logInfo(text);
-}
 
 const char* errnoText(int err, char* buf, size_t n) { return strerror_r(err, buf, n); }
 
@@ -91,20 +81,6 @@ void describeAddress(const sockaddr* sa, char* out, size_t n) {
     }
 }
 
-// Host without the brackets of an IPv6 literal ("[::1]" -> "::1").
-bool bareHost(const StringBuffer& in, char* out, size_t n) {
-    const char* h = in.getString();
-    size_t len = std::strlen(h);
-    if (len >= 2 && h[0] == '[' && h[len - 1] == ']') {
-        ++h;
-        len -= 2;
-    }
-    if (len == 0 || len >= n) return false;
-    std::memcpy(out, h, len);
-    out[len] = 0;
-    return true;
-}
-
 // First occurrence of m at or after `from`, or -1. memchr on the first byte
 // keeps the usual one- or two-byte match at memory speed.
 long findMatch(const unsigned char* d, unsigned n, unsigned from, const char* m, size_t mlen) {
@@ -127,47 +103,9 @@ bool setIntOption(int fd, int level, int name, int value) {
 
 }  // namespace
 
-// Measures an idle limit: restart() on every sign of progress.
-class Socket2::Timer {
-public:
-    explicit Timer(unsigned limitMs) : m_limit(limitMs), m_start(Clock::now()) {}
-    bool unlimited() const { return m_limit == 0; }
-    unsigned limit() const { return m_limit; }
-    void restart() { m_start = Clock::now(); }
-    // Milliseconds left; 0 once the limit has passed.
-    unsigned remaining() const {
-        const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - m_start).count();
-        return elapsed >= static_cast<long long>(m_limit) ? 0 : m_limit - static_cast<unsigned>(elapsed);
-    }
+namespace net {
 
-private:
-    unsigned m_limit;
-    Clock::time_point m_start;
-};
-
-Socket2* Socket2::createNewSocket2(int code) { return new (std::nothrow) Socket2(code); }
-
-Socket2::Socket2(int code) : m_creatorCode(code) {}
-
-Socket2::~Socket2() {
-    LogNull quiet;
-    sockClose(true, false, 0, quiet, nullptr, true);
-}
-
-unsigned Socket2::effectiveTimeout(unsigned timeoutMs) const { return timeoutMs ? timeoutMs : m_idleTimeoutMs; }
-
-bool Socket2::isNonTunneledTls() const { return m_chan && m_chan->isTls(); }
-
-void Socket2::clearServerCertInfo() {
-    m_serverCerts.clear();
-    m_serverVerified = false;
-    m_verifyError[0] = 0;
-}
-
-// --- waiting ---
-
-Socket2::Wait Socket2::waitFor(int fd, short events, Timer& timer, SocketParams& sp, LogBase& log) {
-    ProgressMonitor* pm = sp.m_progressMonitor;
+Wait waitFd(int fd, short events, IdleTimer& timer, ProgressMonitor* pm, LogBase& log, int& err) {
     for (;;) {
         if (pm && pm->get_Aborted(log)) return Wait::Aborted;
         int slice = -1;
@@ -188,10 +126,63 @@ Socket2::Wait Socket2::waitFor(int fd, short events, Timer& timer, SocketParams&
         // what happened, in its own words.
         if (r > 0) return Wait::Ready;
         if (r < 0 && errno != EINTR) {
-            m_waitErrno = errno;
+            err = errno;
             return Wait::Failed;
         }
     }
+}
+
+void logf(LogBase& log, bool error, const char* fmt, ...) {
+    char text[768];
+    va_list ap;
+    va_start(ap, fmt);
+    std::vsnprintf(text, sizeof text, fmt, ap);
+    va_end(ap);
+    if (error)
+        log.logError(text);
+    else
+        log.logInfo(text);
+}
+
+bool bareHost(const StringBuffer& in, char* out, size_t n) {
+    const char* h = in.getString();
+    size_t len = std::strlen(h);
+    if (len >= 2 && h[0] == '[' && h[len - 1] == ']') {
+        ++h;
+        len -= 2;
+    }
+    if (len == 0 || len >= n) return false;
+    std::memcpy(out, h, len);
+    out[len] = 0;
+    return true;
+}
+
+}  // namespace net
+
+Socket2* Socket2::createNewSocket2(int code) { return new (std::nothrow) Socket2(code); }
+
+Socket2::Socket2(int code) : m_creatorCode(code) {}
+
+Socket2::~Socket2() {
+    LogNull quiet;
+    sockClose(true, false, 0, quiet, nullptr, true);
+    if (m_ssh) m_ssh->decRefCount();
+}
+
+unsigned Socket2::effectiveTimeout(unsigned timeoutMs) const { return timeoutMs ? timeoutMs : m_idleTimeoutMs; }
+
+bool Socket2::isNonTunneledTls() const { return m_chan && m_chan->isTls() && !m_sshChan; }
+
+void Socket2::clearServerCertInfo() {
+    m_serverCerts.clear();
+    m_serverVerified = false;
+    m_verifyError[0] = 0;
+}
+
+// --- waiting ---
+
+Socket2::Wait Socket2::waitFor(int fd, short events, Timer& timer, SocketParams& sp, LogBase& log) {
+    return net::waitFd(fd, events, timer, sp.m_progressMonitor, log, m_waitErrno);
 }
 
 void Socket2::waitFailed(Wait w, const char* doing, const Timer& timer, bool reading, SocketParams& sp,
@@ -249,6 +240,11 @@ bool Socket2::usable(bool forReading, SocketParams& sp, LogBase& log) {
     if (m_broken) {
         sp.m_connLost = true;
         log.logError("The connection is unusable after an earlier error");
+        return false;
+    }
+    if (m_sshChan && !m_ssh->isConnected()) {
+        sp.m_connLost = true;
+        logf(log, true, "The SSH connection carrying %s is lost: %s", m_remote, m_ssh->lostReason());
         return false;
     }
     if (forReading && m_peerClosed) {
@@ -320,6 +316,7 @@ Socket2::Attempt Socket2::connectOne(const void* addrInfo, unsigned timeoutMs, _
 bool Socket2::socket2Connect(const StringBuffer& hostIn, int port, bool tls, _clsTls& tlsSettings,
                              unsigned int timeoutMs, SocketParams& sp, LogBase& log) {
     LogContextExitor ctx(log, "socket2Connect");
+    if (m_ssh) return sshConnectChannel(hostIn, port, tls, tlsSettings, timeoutMs, sp, log);
     if (m_fd >= 0) {
         if (log.m_verboseLogging) log.logInfo("Closing the previous connection first");
         dropConnection();
@@ -451,7 +448,10 @@ bool Socket2::tlsHandshake(const char* host, _clsTls& tls, unsigned timeoutMs, S
         return false;
     }
     char err[320];
-    net::TlsChannel* ch = net::TlsChannel::create(m_fd, tls, minVersion, host, sp.m_sendSni, err, sizeof err);
+    // Through a tunnel the records travel in the SSH channel, not on the
+    // descriptor.
+    net::TlsChannel* ch =
+        net::TlsChannel::create(m_fd, tls, minVersion, host, sp.m_sendSni, err, sizeof err, m_sshChan);
     if (!ch) {
         sp.m_tlsFailure = true;
         logf(log, true, "TLS setup failed: %s", err);
@@ -463,7 +463,7 @@ bool Socket2::tlsHandshake(const char* host, _clsTls& tls, unsigned timeoutMs, S
         const net::Io io = ch->handshakeStep();
         if (io == net::Io::Ok) break;
         if (io == net::Io::WantRead || io == net::Io::WantWrite) {
-            const Wait w = waitFor(m_fd, io == net::Io::WantRead ? POLLIN : POLLOUT, timer, sp, log);
+            const Wait w = waitFor(m_fd, ch->waitEvents(io), timer, sp, log);
             if (w == Wait::Ready) continue;
             sp.m_tlsFailure = true;
             if (w == Wait::TimedOut) {
@@ -513,7 +513,7 @@ bool Socket2::tlsHandshake(const char* host, _clsTls& tls, unsigned timeoutMs, S
         delete ch;
         return false;
     }
-    delete m_chan;
+    if (m_chan != m_sshChan) delete m_chan;
     m_chan = ch;
     if (log.m_verboseLogging) logConnectionType(log);
     return true;
@@ -594,7 +594,7 @@ void Socket2::logConnectionType(LogBase& log) {
         return;
     }
     if (!m_chan->isTls()) {
-        log.logData("connectionType", "TCP");
+        log.logData("connectionType", m_sshChan ? "SSH channel" : "TCP");
         return;
     }
     SSL* ssl = static_cast<net::TlsChannel*>(m_chan)->ssl();
@@ -602,9 +602,11 @@ void Socket2::logConnectionType(LogBase& log) {
     const char* version = SSL_get_version(ssl);
     char text[160];
     if (std::strncmp(version, "TLSv", 4) == 0)
-        std::snprintf(text, sizeof text, "TLS %s %s", version + 4, SSL_CIPHER_get_name(SSL_get_current_cipher(ssl)));
+        std::snprintf(text, sizeof text, "TLS %s %s%s", version + 4, SSL_CIPHER_get_name(SSL_get_current_cipher(ssl)),
+                      m_sshChan ? " over SSH channel" : "");
     else
-        std::snprintf(text, sizeof text, "%s %s", version, SSL_CIPHER_get_name(SSL_get_current_cipher(ssl)));
+        std::snprintf(text, sizeof text, "%s %s%s", version, SSL_CIPHER_get_name(SSL_get_current_cipher(ssl)),
+                      m_sshChan ? " over SSH channel" : "");
     log.logData("connectionType", text);
 }
 
@@ -621,7 +623,7 @@ bool Socket2::sendAll(const unsigned char* data, unsigned n, Timer& timer, Socke
             continue;
         }
         if (io == net::Io::WantRead || io == net::Io::WantWrite) {
-            const Wait w = waitFor(m_fd, io == net::Io::WantRead ? POLLIN : POLLOUT, timer, sp, log);
+            const Wait w = waitFor(m_fd, m_chan->waitEvents(io), timer, sp, log);
             if (w == Wait::Ready) continue;
             waitFailed(w, "send on", timer, false, sp, log);
             return false;
@@ -689,7 +691,7 @@ bool Socket2::readSome(unsigned char* buf, unsigned n, unsigned& got, Timer& tim
             return true;
         }
         if (io == net::Io::WantRead || io == net::Io::WantWrite) {
-            const Wait w = waitFor(m_fd, io == net::Io::WantRead ? POLLIN : POLLOUT, timer, sp, log);
+            const Wait w = waitFor(m_fd, m_chan->waitEvents(io), timer, sp, log);
             if (w == Wait::Ready) continue;
             waitFailed(w, "read from", timer, true, sp, log);
             return false;
@@ -857,35 +859,47 @@ void Socket2::dropConnection() {
     sockClose(true, false, 0, quiet, nullptr, true);
 }
 
+void Socket2::sendCloseNotify(unsigned timeoutMs, ProgressMonitor* pm, LogBase& log, bool bQuiet) {
+    if (!m_chan || !m_chan->isTls() || m_broken) return;
+    net::TlsChannel* tlsChan = static_cast<net::TlsChannel*>(m_chan);
+    const unsigned limit = timeoutMs < kCloseWaitCapMs ? timeoutMs : kCloseWaitCapMs;
+    Timer timer(limit);
+    SocketParams sp(pm);
+    LogNull quiet;
+    for (;;) {
+        const net::Io io = tlsChan->shutdownStep();
+        if (io == net::Io::Ok) {
+            if (!bQuiet && log.m_verboseLogging) log.logInfo("Sent TLS close_notify");
+            break;
+        }
+        // Only a full send buffer is worth waiting for; anything else
+        // means the peer is gone or the session is done.
+        if (io == net::Io::WantWrite && limit > 0 &&
+            waitFor(m_fd, m_chan->waitEvents(io), timer, sp, quiet) == Wait::Ready)
+            continue;
+        if (!bQuiet && log.m_verboseLogging) log.logInfo("Could not send TLS close_notify");
+        break;
+    }
+}
+
 bool Socket2::sockClose(bool bShutdown, bool bGraceful, unsigned int timeoutMs, LogBase& log, ProgressMonitor* pm,
                         bool bQuiet) {
     m_rum.clear();
     m_rumScanned = 0;
+    if (m_sshChan) {
+        // Only the channel: the tunnel stays for the next connect, whatever
+        // the flags (sshCloseTunnel ends it).
+        SocketParams sp(pm);
+        const unsigned limit = timeoutMs < kCloseWaitCapMs ? timeoutMs : kCloseWaitCapMs;
+        closeSshChannel(false, bGraceful ? limit : 0, sp, log, bQuiet);
+        return true;
+    }
     if (m_fd < 0) {
         delete m_chan;
         m_chan = nullptr;
         return true;
     }
-    if (bGraceful && m_chan && m_chan->isTls() && !m_broken) {
-        net::TlsChannel* tlsChan = static_cast<net::TlsChannel*>(m_chan);
-        const unsigned limit = timeoutMs < kCloseWaitCapMs ? timeoutMs : kCloseWaitCapMs;
-        Timer timer(limit);
-        SocketParams sp(pm);
-        LogNull quiet;
-        for (;;) {
-            const net::Io io = tlsChan->shutdownStep();
-            if (io == net::Io::Ok) {
-                if (!bQuiet && log.m_verboseLogging) log.logInfo("Sent TLS close_notify");
-                break;
-            }
-            // Only a full send buffer is worth waiting for; anything else
-            // means the peer is gone or the session is done.
-            if (io == net::Io::WantWrite && limit > 0 && waitFor(m_fd, POLLOUT, timer, sp, quiet) == Wait::Ready)
-                continue;
-            if (!bQuiet && log.m_verboseLogging) log.logInfo("Could not send TLS close_notify");
-            break;
-        }
-    }
+    if (bGraceful) sendCloseNotify(timeoutMs, pm, log, bQuiet);
     if (bShutdown) ::shutdown(m_fd, SHUT_RDWR);
     delete m_chan;
     m_chan = nullptr;
@@ -900,6 +914,7 @@ bool Socket2::sockClose(bool bShutdown, bool bGraceful, unsigned int timeoutMs, 
 
 bool Socket2::isSock2Connected(bool checkPeer, LogBase& log) {
     if (m_fd < 0 || !m_chan || m_broken || m_peerClosed) return false;
+    if (m_sshChan && !m_ssh->isConnected()) return false;
     if (checkPeer && m_rum.empty()) {
         SocketParams sp(nullptr);
         LogNull quiet;

@@ -69,6 +69,8 @@ public:
     bool sshCloseTunnel(SocketParams& sp, LogBase& log);
     bool sshAuthenticatePw(XString& user, XString& password, LogBase& log, SocketParams& sp);
     bool sshAuthenticatePk(XString& user, _zrPublicKey& key, LogBase& log, SocketParams& sp);
+    // The SSH server's host key fingerprint ("SHA256:..."); false without a tunnel.
+    bool getSshHostKeyFingerprint(StringBuffer& out);
     void imapDisconnect(LogBase& log, SocketParams& sp);
     void ensureImapDisconnect(SocketParams& sp);
     void closeImapSocket();

@@ -26,9 +26,20 @@
 // time-out, abort mid-send, a line over the buffer limit, a failed TLS
 // upgrade) the caller is expected to close the connection.
 //
+// SSH tunnel. sshTunnel (or takeSshTunnel) attaches an SSH connection and
+// sshAuthenticatePw/Pk logs in to it; from then on socket2Connect opens a
+// direct-tcpip channel to its host and port through the SSH server instead
+// of a TCP connection, and everything above (lines, literals, read-ahead,
+// time-outs, abort, flags, TLS and STARTTLS) runs over that channel. Closing
+// (sockClose, sshCloseChannel) ends only the channel; the tunnel stays for
+// the next connect until sshCloseTunnel, or until sshCloseChannel finds the
+// SSH connection lost. The SSH set-up steps (connect, handshake,
+// authentication, opening a channel) are limited by the idle time-out (see
+// put_IdleTimeoutMs), each in total.
+//
 // Not thread-safe: one thread uses a given object at a time. No exceptions
-// escape. SIGPIPE is never raised: plain sends and the TLS layer's writes
-// both go through send(MSG_NOSIGNAL).
+// escape. SIGPIPE is never raised: plain sends, the TLS layer's writes and
+// the SSH layer's all go through send(MSG_NOSIGNAL).
 #pragma once
 
 #include <cstdint>
@@ -44,11 +55,18 @@ class DataBuffer;
 class LogBase;
 class ProgressMonitor;
 class SocketParams;
+class SshReadParams;
+class SshTransport;
 class StringBuffer;
+class XString;
+class _zrPublicKey;
 
 namespace net {
 class ByteChannel;
+class IdleTimer;
+class SshChannel;
 class TlsChannel;
+enum class Wait;
 }  // namespace net
 
 class Socket2 : public RefCountedObject {
@@ -170,6 +188,11 @@ public:
     // bQuiet: log nothing, even with verbose logging.
     // Always returns true; calling it again is harmless. Buffered bytes are
     // discarded. The object stays usable for a new connect.
+    // Through an SSH tunnel only the channel is closed (bShutdown has no
+    // meaning there; bGraceful sends close_notify on a TLS session in it and
+    // lets the SSH close take up to the same bound); the tunnel stays, even
+    // when it is found lost, so that a later connect fails with the reason
+    // instead of going around it.
     bool sockClose(bool bShutdown, bool bGraceful, unsigned int timeoutMs, LogBase& log, ProgressMonitor* pm,
                    bool bQuiet);
 
@@ -177,9 +200,49 @@ public:
     // checkPeer: also make one non-blocking read to notice a close the
     // peer made since the last call (any data read is kept buffered).
     bool isSock2Connected(bool checkPeer, LogBase& log);
-    bool isSsh() const { return false; }
-    // A TLS session runs directly over this TCP connection.
+    // True while an SSH tunnel is attached (authenticated or not, with or
+    // without an open channel).
+    bool isSsh() const { return m_ssh != nullptr; }
+    // A TLS session runs directly over this TCP connection (not through an
+    // SSH channel).
     bool isNonTunneledTls() const;
+
+    // --- SSH tunnel ---
+
+    // Connects to the SSH server at host:port (resolution, time-out and
+    // address handling as socket2Connect) and runs the SSH handshake. When
+    // tls.m_sshHostKeyFingerprint is set and the server's host key has
+    // another fingerprint, the tunnel is refused before any authentication.
+    // Any connection and tunnel held before are let go first. On failure the
+    // object holds neither. Flags: m_connectFailed (with m_timedOut,
+    // m_aborted or m_connLost when that was the cause).
+    bool sshTunnel(XString& host, int port, _clsTls& tls, LogBase& log, SocketParams& sp);
+    // Attaches an SSH connection another holder opened (one more reference
+    // is taken). channelNum must be kNoSshChannel: channels are opened by
+    // socket2Connect, never shared. False for a null ssh or another number.
+    static constexpr unsigned kNoSshChannel = static_cast<unsigned>(-1);
+    bool takeSshTunnel(SshTransport* ssh, unsigned int channelNum);
+    // User authentication on the attached tunnel; see SshTransport.
+    bool sshAuthenticatePw(XString& user, XString& password, LogBase& log, SocketParams& sp);
+    // rsaSigAlg chooses the signature for an RSA key ("rsa-sha2-256" when
+    // null, "rsa-sha2-512", or "ssh-rsa" for old servers); other key types
+    // ignore it.
+    bool sshAuthenticatePk(XString& user, const char* rsaSigAlg, _zrPublicKey& key, LogBase& log, SocketParams& sp);
+    // Closes the open channel as rp says (see SshReadParams) and keeps the
+    // tunnel. When the SSH connection turns out to be lost, the tunnel is let
+    // go too (isSsh() becomes false) and the result is false. True when
+    // there was no channel.
+    bool sshCloseChannel(SshReadParams& rp, SocketParams& sp, LogBase& log);
+    // Closes any channel, sends the SSH disconnect and closes the TCP
+    // connection; shared holders of the tunnel lose it too. True when there
+    // was no tunnel.
+    bool sshCloseTunnel(SocketParams& sp, LogBase& log);
+    // The SSH server's host key fingerprint ("SHA256:..."); false when no
+    // tunnel is attached.
+    bool getSshHostKeyFingerprint(StringBuffer& out) const;
+    SshTransport* getSshTransport() const { return m_ssh; }
+    // A channel of the tunnel carries the connection right now.
+    bool isSshChannelOpen() const { return m_sshChan != nullptr; }
 
 protected:
     ~Socket2() override;
@@ -187,8 +250,8 @@ protected:
 private:
     explicit Socket2(int code);
 
-    enum class Wait { Ready, TimedOut, Aborted, Failed };
-    class Timer;
+    using Wait = net::Wait;
+    using Timer = net::IdleTimer;
 
     enum class Attempt { Connected, Failed, TimedOut, Aborted };
 
@@ -211,12 +274,23 @@ private:
     unsigned effectiveTimeout(unsigned timeoutMs) const;
     void dropConnection();
     void clearServerCertInfo();
+    void sendCloseNotify(unsigned timeoutMs, ProgressMonitor* pm, LogBase& log, bool bQuiet);
+    bool sshConnectChannel(const StringBuffer& host, int port, bool tls, _clsTls& tlsSettings, unsigned timeoutMs,
+                           SocketParams& sp, LogBase& log);
+    // Ends the open channel (and a TLS session over it); true when the close
+    // completed in time.
+    bool closeSshChannel(bool waitForPeer, unsigned timeoutMs, SocketParams& sp, LogBase& log, bool bQuiet);
 
     int m_creatorCode;
     StringBuffer m_lastHost;
     int m_fd = -1;
-    net::ByteChannel* m_chan = nullptr;  // owned; TcpChannel or TlsChannel
-    char m_remote[80] = {0};             // "127.0.0.1:143", for messages
+    // Owned: a TcpChannel, an SshChannel, or a TlsChannel over either. With
+    // an SSH channel, m_fd is the SSH connection's descriptor, borrowed for
+    // waiting on and never closed here.
+    net::ByteChannel* m_chan = nullptr;
+    char m_remote[160] = {0};  // "127.0.0.1:143", for messages
+    SshTransport* m_ssh = nullptr;          // one reference held
+    net::SshChannel* m_sshChan = nullptr;  // owned; m_chan or under it
 
     ReadAheadBuffer m_rum;
     // Bytes at the front of m_rum already searched for m_scanMatch without

@@ -47,6 +47,13 @@ public:
     // The version that applies after combining the two settings above.
     // False when m_sslProtocol is not understood (out untouched).
     bool getEffectiveMinVersion(TlsVersion& out) const;
+
+    // SSH tunnels: the fingerprint the SSH server's host key must have, as
+    // ssh-keygen -l prints it ("SHA256:" and unpadded base64; the prefix may
+    // be left out and padding is ignored). Empty: any host key is accepted
+    // and only recorded (Socket2::getSshHostKeyFingerprint). When set, a
+    // server with another key is refused before any authentication.
+    StringBuffer m_sshHostKeyFingerprint;
 };
 
 }  // namespace zr
