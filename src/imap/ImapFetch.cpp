@@ -414,6 +414,21 @@ bool _zrImap::getCompleteFetchResponse2(const char* tag, StringBuffer& partSpec,
         if (verbose) log.LogDataLong("partSize", n);
         return true;
     };
+    // Reads a part's literal of n bytes into `into` and stands " ... " and
+    // the "(n bytes)" marker in for it; an empty literal is marked only when
+    // `markEmpty`.
+    auto readPartLiteral = [&](int n, DataBuffer& into, const char* failure, bool markEmpty) {
+        if (n > 0 && !getNResponseBytes(static_cast<unsigned>(n), into, sp, log)) {
+            log.logError(failure);
+            return false;
+        }
+        if (n > 0 || markEmpty) {
+            responseText.trim2();
+            responseText.append(" ... ");
+            recordLiteralMarker(static_cast<unsigned>(n), log, sp);
+        }
+        return true;
+    };
     bool bodyDone = false, mimeDone = false, closeSeen = false;
     DataBuffer partBody, partMime;
     ResponseBudget budget;
@@ -455,17 +470,8 @@ bool _zrImap::getCompleteFetchResponse2(const char* tag, StringBuffer& partSpec,
                 } else if (line.containsSubstring(bodyLiteral.getString())) {
                     int n = 0;
                     if (!literalSize(bodyLiteral, "Error parsing BODY[part] response line.", n)) return false;
-                    if (n == 0) {
-                        if (verbose) log.logInfo("Body part size is 0.");
-                    } else {
-                        if (!getNResponseBytes(static_cast<unsigned>(n), partBody, sp, log)) {
-                            log.logError("Failed to read BODY[part] bytes.");
-                            return false;
-                        }
-                        responseText.trim2();
-                        responseText.append(" ... ");
-                        recordLiteralMarker(static_cast<unsigned>(n), log, sp);
-                    }
+                    if (n == 0 && verbose) log.logInfo("Body part size is 0.");
+                    if (!readPartLiteral(n, partBody, "Failed to read BODY[part] bytes.", false)) return false;
                     bodyDone = true;
                 } else if (line.containsSubstring(bodyEmpty.getString())) {
                     if (line.containsSubstring(with(bodyEmpty, ")").getString())) closeSeen = true;
@@ -498,14 +504,8 @@ bool _zrImap::getCompleteFetchResponse2(const char* tag, StringBuffer& partSpec,
             } else {
                 int n = 0;
                 if (!literalSize(mimeLiteral, "Error parsing BODY[part.MIME] response line.", n)) return false;
-                if (n > 0 && !getNResponseBytes(static_cast<unsigned>(n), partMime, sp, log)) {
-                    log.logError("Failed to read BODY[part.MIME] bytes.");
-                    return false;
-                }
                 // Unlike the body, a zero-length MIME header is still marked.
-                responseText.trim2();
-                responseText.append(" ... ");
-                recordLiteralMarker(static_cast<unsigned>(n), log, sp);
+                if (!readPartLiteral(n, partMime, "Failed to read BODY[part.MIME] bytes.", true)) return false;
                 mimeDone = true;
             }
         }
