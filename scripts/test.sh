@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds zrimap twice (a normal build and one under AddressSanitizer and
-# UndefinedBehaviorSanitizer) and runs the whole test suite in each.
+# UndefinedBehaviorSanitizer) and runs the whole test suite in each, then
+# builds the fuzz targets with clang and runs each for a short while.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -27,9 +28,14 @@ run_suite() {
 run_suite normal "$root/build"
 run_suite sanitizers "$root/build-asan" -DZRIMAP_SANITIZE=ON
 
+echo "=== fuzz targets (30 s each) ==="
+if ! "$root/fuzz/ci.sh" 30; then
+  status=1
+fi
+
 if [[ $status -ne 0 ]]; then
   echo "zrimap tests: FAILED"
 else
-  echo "zrimap tests: all passed in both builds"
+  echo "zrimap tests: all passed in both builds; fuzz targets found nothing"
 fi
 exit $status
