@@ -4,8 +4,10 @@
 //
 // IMAP4rev1 is RFC 3501; IDLE (whose DONE the argument-less commands send)
 // is RFC 2177; STARTTLS is section 6.2.1 of RFC 3501.
+#include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -29,6 +31,57 @@ constexpr unsigned kFewBytesLimit = 2048;
 // much per receive.
 constexpr unsigned kRawReadChunk = 16384;
 constexpr unsigned kLiteralHeadroom = 2048;
+
+// A large literal lands in fresh memory, which the kernel otherwise hands
+// over one page fault at a time while the receives copy into it: about
+// 26,000 faults for 100 MB, costing more CPU than the receives themselves.
+// Committing the pages a window ahead of the bytes, in one call per window,
+// saves most of that. The window bounds what a server can make us commit
+// before it sends anything: a gigabyte announced and never sent costs one
+// window. Only a hint: where the kernel declines, pages fault in as before.
+class LiteralPrefault {
+public:
+    LiteralPrefault(const DataBuffer& out, unsigned n) {
+#if defined(__linux__) && defined(MADV_POPULATE_WRITE)
+        const unsigned have = out.getSize();
+        const unsigned end = std::min(n, out.getCapacity());
+        if (end <= have || end - have < kFrom) return;
+        const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+        m_next = (reinterpret_cast<uintptr_t>(out.getData2() + have) + page - 1) & ~(page - 1);
+        m_end = reinterpret_cast<uintptr_t>(out.getData2() + end) & ~(page - 1);
+        m_data = reinterpret_cast<uintptr_t>(out.getData2());
+#else
+        (void)out;
+        (void)n;
+#endif
+    }
+
+    // Keeps between half a window and a window committed beyond the bytes
+    // received so far.
+    void keepAhead(const DataBuffer& out) {
+#if defined(__linux__) && defined(MADV_POPULATE_WRITE)
+        if (m_next >= m_end) return;
+        const uintptr_t filled = m_data + out.getSize();
+        if (filled + kWindow / 2 < m_next) return;
+        const uintptr_t upTo = std::min(m_end, std::max(filled, m_next) + kWindow);
+        if (madvise(reinterpret_cast<void*>(m_next), upTo - m_next, MADV_POPULATE_WRITE) != 0) {
+            m_end = 0;  // not supported here: no second try
+            return;
+        }
+        m_next = upTo;
+#else
+        (void)out;
+#endif
+    }
+
+private:
+    static constexpr unsigned kFrom = 8u << 20;
+    static constexpr uintptr_t kWindow = 4u << 20;
+
+    uintptr_t m_data = 0;
+    uintptr_t m_next = 0;
+    uintptr_t m_end = 0;
+};
 
 const char kLineReadFailed[] = "Failed to get next response line from IMAP server.";
 const char kAbortedReading[] = "Aborted when getting response lines from IMAP server.";
@@ -465,6 +518,7 @@ bool _zrImap::receiveLiteral(unsigned int n, DataBuffer& out, const char* socket
         return false;
     }
     m_socket->takeRumBuffered(out);
+    LiteralPrefault prefault(out, n);
     while (out.getSize() < n) {
         if (!m_socket) {
             log.logError(m_noConnectionError);
@@ -474,6 +528,7 @@ bool _zrImap::receiveLiteral(unsigned int n, DataBuffer& out, const char* socket
         // Reads stay within the reservation, so the buffer never moves.
         unsigned room = out.getCapacity() - out.getSize();
         if (room == 0 || room > kRawReadChunk) room = kRawReadChunk;
+        prefault.keepAhead(out);
         const bool received = m_socket->receiveBytes2a(out, room, m_readTimeoutMs, sp, log);
         if (sp.hasAnyError()) sp.logSocketResults(socketContext, log);
         if (!received) {
