@@ -36,9 +36,12 @@ struct Parse {
         fill(rs, lines);
         ok = rs.parseSummary(s, "(UID BODYSTRUCTURE)", log);
     }
+    // The part numbers in order, "*" after an attachment.
     std::string ids() const {
         std::string out;
-        for (int i = 0; i < s.getNumParts(); ++i) out += std::string(i ? "," : "") + "[" + s.getPart(i)->m_partId.getString() + "]";
+        for (int i = 0; i < s.getNumParts(); ++i)
+            out += std::string(i ? "," : "") + "[" + s.getPart(i)->m_partId.getString() + "]" +
+                   (s.getPart(i)->m_isAttachment ? "*" : "");
         return out;
     }
     std::string best(const char* from) const {
@@ -121,7 +124,6 @@ TEST(BodyStructure, SinglePartAndMultipartFromRfc3501) {
     EXPECT_EQ(plain.ids(), "[1]");
     expectPart(plain.s, 0, {"1", "TEXT", "PLAIN", "7BIT", 3028, "", "", "", false});
     EXPECT_STREQ(plain.s.getPart(0)->m_charset.getString(), "US-ASCII");
-    EXPECT_EQ(plain.s.m_numAttachments, 0);
     EXPECT_EQ(plain.s.m_uid, 7u);
     EXPECT_EQ(plain.best("1"), "1");
 
@@ -130,13 +132,12 @@ TEST(BodyStructure, SinglePartAndMultipartFromRfc3501) {
         "\"US-ASCII\" \"NAME\" \"cc.diff\") \"<960723163407.20117h@cac.washington.edu>\" \"Compiler diff\" \"BASE64\" "
         "4554 73) \"MIXED\")")});
     ASSERT_TRUE(mixed.ok) << mixed.error();
-    EXPECT_EQ(mixed.ids(), "[],[1],[2]");
+    EXPECT_EQ(mixed.ids(), "[],[1],[2]*");
     expectPart(mixed.s, 0, {"", "multipart", "MIXED", "", 0, "", "", "", false});
     expectPart(mixed.s, 1, {"1", "TEXT", "PLAIN", "7BIT", 1152, "", "", "", false});
     expectPart(mixed.s, 2, {"2", "TEXT", "PLAIN", "BASE64", 4554, "", "", "cc.diff", true});  // named, not the body
     EXPECT_STREQ(mixed.s.getPart(2)->m_contentId.getString(), "<960723163407.20117h@cac.washington.edu>");
     EXPECT_STREQ(mixed.s.getPart(2)->m_description.getString(), "Compiler diff");
-    EXPECT_EQ(mixed.s.m_numAttachments, 1);
     EXPECT_EQ(mixed.best(""), "1");
 }
 
@@ -148,7 +149,6 @@ TEST(BodyStructure, AlternativeMixedAndRelatedAsServersSendThem) {
     EXPECT_EQ(alt.ids(), "[],[1],[2]");
     EXPECT_TRUE(alt.s.getPart(0)->isType("multipart", "alternative"));
     EXPECT_TRUE(alt.s.findMsgPart("2")->isType("text", "html"));
-    EXPECT_EQ(alt.s.m_numAttachments, 0);
     EXPECT_EQ(alt.best(""), "1");
     EXPECT_EQ(alt.best("2"), "2");
 
@@ -181,12 +181,9 @@ TEST(BodyStructure, AlternativeMixedAndRelatedAsServersSendThem) {
         "\"related\")(\"application\" \"vnd.ms-excel\" (\"name\" \"q3.xls\") NIL NIL \"base64\" 4096 NIL (\"attachment\" "
         "NIL)) \"mixed\")")});
     ASSERT_TRUE(nested.ok) << nested.error();
-    EXPECT_EQ(nested.ids(), "[],[1],[1.1],[1.1.1],[1.1.2],[1.2],[2]");
+    EXPECT_EQ(nested.ids(), "[],[1],[1.1],[1.1.1],[1.1.2],[1.2],[2]*");  // the inline image is no attachment
     EXPECT_TRUE(nested.s.getPart(1)->isType("multipart", "related"));
-    EXPECT_FALSE(nested.s.findMsgPart("1.2")->m_isAttachment);
-    EXPECT_TRUE(nested.s.findMsgPart("2")->m_isAttachment);
     EXPECT_STREQ(nested.s.findMsgPart("2")->m_filename.getString(), "");  // no fallback to the name
-    EXPECT_EQ(nested.s.m_numAttachments, 1);
     EXPECT_EQ(nested.best("1"), "1.1.1");
     EXPECT_EQ(nested.best("2"), "none");
 }
@@ -194,11 +191,10 @@ TEST(BodyStructure, AlternativeMixedAndRelatedAsServersSendThem) {
 TEST(BodyStructure, ForwardedMessagesAreOneAttachmentWithImapNumbering) {
     Parse fwd({forwardedLine()});
     ASSERT_TRUE(fwd.ok) << fwd.error();
-    EXPECT_EQ(fwd.ids(), "[],[1],[2],[2.TEXT],[2.1],[2.2]");
+    EXPECT_EQ(fwd.ids(), "[],[1],[2]*,[2.TEXT],[2.1],[2.2]");
     expectPart(fwd.s, 2, {"2", "message", "rfc822", "7bit", 5000, "attachment", "fwd.eml", "old \"(1)\".eml", true});
     expectPart(fwd.s, 3, {"2.TEXT", "multipart", "alternative", "", 0, "", "", "", false});
     expectPart(fwd.s, 4, {"2.1", "text", "plain", "7bit", 300, "", "", "", false});
-    EXPECT_EQ(fwd.s.m_numAttachments, 1);
     EXPECT_EQ(fwd.best(""), "1");  // the outer HTML, not the forwarded plain text
     EXPECT_EQ(fwd.best("2"), "2.1");
 
@@ -207,10 +203,7 @@ TEST(BodyStructure, ForwardedMessagesAreOneAttachmentWithImapNumbering) {
                             kEnvelope +
                             " (\"APPLICATION\" \"PDF\" (\"NAME\" \"inner.pdf\") NIL NIL \"BASE64\" 400) 20) \"MIXED\")")});
     ASSERT_TRUE(single.ok) << single.error();
-    EXPECT_EQ(single.ids(), "[],[1],[2],[2.1]");
-    EXPECT_TRUE(single.s.findMsgPart("2")->m_isAttachment);
-    EXPECT_FALSE(single.s.findMsgPart("2.1")->m_isAttachment);  // inside the forwarded message
-    EXPECT_EQ(single.s.m_numAttachments, 1);
+    EXPECT_EQ(single.ids(), "[],[1],[2]*,[2.1]");  // the PDF inside the forwarded message is not counted
     EXPECT_EQ(single.best("2"), "none");
 
     // A forward of a forward: each level keeps its own text.
@@ -221,16 +214,14 @@ TEST(BodyStructure, ForwardedMessagesAreOneAttachmentWithImapNumbering) {
                            kEnvelope + " ((\"text\" \"html\" NIL NIL NIL \"7bit\" 9 1)" + innerFwd +
                            " \"mixed\") 9) \"mixed\")")});
     ASSERT_TRUE(twice.ok) << twice.error();
-    EXPECT_EQ(twice.ids(), "[],[1],[2],[2.TEXT],[2.1],[2.2],[2.2.1]");
-    EXPECT_EQ(twice.s.m_numAttachments, 1);
+    EXPECT_EQ(twice.ids(), "[],[1],[2]*,[2.TEXT],[2.1],[2.2],[2.2.1]");
     EXPECT_EQ(twice.best("2"), "2.1");      // its own HTML beats the plain text it forwards
     EXPECT_EQ(twice.best("2.2"), "2.2.1");
 
     // A server that treats message/rfc822 as a basic part sends no envelope.
     Parse basic({fetchLine("(\"message\" \"rfc822\" NIL NIL NIL \"7bit\" 900 NIL NIL NIL NIL)")});
     ASSERT_TRUE(basic.ok) << basic.error();
-    EXPECT_EQ(basic.ids(), "[1]");
-    EXPECT_EQ(basic.s.m_numAttachments, 1);
+    EXPECT_EQ(basic.ids(), "[1]*");
 }
 
 TEST(BodyStructure, ExtensionDataNilCaseAndLenientForms) {
@@ -440,7 +431,8 @@ TEST(BodyStructure, EveryTruncationFailsCleanlyUntilTheStructureCloses) {
     }
 }
 
-TEST(BodyStructure, MutatedAndRandomBytesNeverBreakIt) {
+// Random bytes are fuzz_bodystructure's job.
+TEST(BodyStructure, MutatedBytesNeverBreakIt) {
     const std::vector<std::string> seeds = {forwardedLine(), fetchLine("(\"application\" \"pdf\" (\"name\" {6}\r\na\r\nb)c) "
                                                                       "NIL NIL \"base64\" 10 NIL (\"attachment\" NIL))")};
     static const char kReplacements[] = "()\"{}\\ \0009N~\r";
@@ -457,16 +449,4 @@ TEST(BodyStructure, MutatedAndRandomBytesNeverBreakIt) {
             }
     EXPECT_GT(accepted, 0);  // lenient, not rejecting everything
     EXPECT_GT(refused, 0);
-
-    unsigned state = 12345;
-    for (int round = 0; round < 2000; ++round) {
-        std::string garbage = "* 1 FETCH (BODYSTRUCTURE ";
-        const int n = 1 + round % 97;
-        for (int i = 0; i < n; ++i) {
-            state = state * 1103515245u + 12345u;
-            garbage += static_cast<char>((state >> 16) & 0xFF);
-        }
-        Parse p({garbage});
-        expectConsistent(p);
-    }
 }

@@ -11,12 +11,6 @@ using namespace zr;
 
 namespace {
 
-ImapResultSet& withLines(ImapResultSet& rs, const char* tag, std::initializer_list<const char*> lines) {
-    rs.setTag(tag);
-    for (const char* l : lines) rs.getArray2().appendString(l);
-    return rs;
-}
-
 struct RecordingSink : ProgressEvent {
     std::vector<std::string> events;
     int abortAfter = -1;  // answer true from this check on
@@ -61,12 +55,8 @@ TEST(MemoryLog, RecordsKindsContextsAndHelpers) {
     EXPECT_EQ(log.entries().size(), 10u);
 }
 
-TEST(LogBase, ElapsedMsAndNullLog) {
+TEST(LogBase, NullLogSwallowsEverything) {
     MemoryLog log;
-    log.LogElapsedMs("ms", Psdk::getTickCount() - 5);
-    const long ms = std::stol(*log.firstData("ms"));
-    EXPECT_GE(ms, 5);
-    EXPECT_LT(ms, 60000);
     LogNull quiet(log);
     quiet.logError("x");
     EXPECT_FALSE(quiet.m_verboseLogging);
@@ -122,63 +112,38 @@ TEST(Progress, MonitorForwardsEventsAndLatchesAbort) {
     EXPECT_TRUE(none.get_Aborted(log));
 }
 
-TEST(SocketParams, FlagQueries) {
-    SocketParams sp(nullptr);
-    EXPECT_TRUE(sp.timeoutIsFailure);
-    EXPECT_FALSE(sp.hasAnyError());
-    sp.m_timedOut = true;
-    EXPECT_TRUE(sp.hasAnyError());
-    EXPECT_TRUE(sp.hasOnlyTimeout());
-    EXPECT_FALSE(sp.hasNonTimeoutError());
-    sp.m_connLost = true;
-    EXPECT_FALSE(sp.hasOnlyTimeout());
-    EXPECT_TRUE(sp.hasNonTimeoutError());
-    MemoryLog log;
-    sp.logSocketResults("getImapResponseLine", log);
-    EXPECT_EQ(log.entries()[1].context, "getImapResponseLine");
-    EXPECT_EQ(*log.firstData("timedOut"), "true");
-    EXPECT_EQ(*log.firstData("connectionLost"), "true");
-    EXPECT_EQ(log.firstData("tlsFailure"), nullptr);
-    sp.initFlags();
-    EXPECT_FALSE(sp.hasAnyError());
-}
-
 TEST(ImapResultSet, IsOkJudgesTheCompletionLine) {
     MemoryLog log;
-    {
+    struct Case {
+        const char* tag;
+        std::vector<const char*> lines;
+        bool ok;
+    };
+    const Case cases[] = {
+        {"", {}, false},
+        {"aaab", {"* CAPABILITY IMAP4rev1\r\n", "aaab OK done\r\n"}, true},
+        {"aaab", {"aaab ok\r\n"}, true},
+        {"aaac", {"* SEARCH 1 2", "OK SEARCH completed"}, true},  // a status split off a SEARCH line has no tag
+        {"aaab", {"aaab NO [AUTHENTICATIONFAILED] nope\r\n"}, false},
+        {"aaab", {"aaab BAD\r\n"}, false},
+        {"aaab", {"aaab OKAY\r\n"}, false},
+        {"aaab", {"aaabx OK\r\n"}, false},
+        {"aaab", {"aaac OK other tag\r\n"}, false},
+        {"aaab", {"* OK untagged\r\n"}, false},
+    };
+    for (const Case& c : cases) {
         ImapResultSet rs;
-        EXPECT_TRUE(withLines(rs, "aaab", {"* CAPABILITY IMAP4rev1\r\n", "aaab OK done\r\n"}).isOK(true, log));
-    }
-    {
-        ImapResultSet rs;
-        EXPECT_TRUE(withLines(rs, "aaab", {"aaab ok\r\n"}).isOK(true, log));
-    }
-    {
-        ImapResultSet rs;  // the status split off a SEARCH line carries no tag
-        EXPECT_TRUE(withLines(rs, "aaac", {"* SEARCH 1 2", "OK SEARCH completed"}).isOK(true, log));
-    }
-    const char* notOk[][2] = {{"aaab", "aaab NO [AUTHENTICATIONFAILED] nope\r\n"},
-                              {"aaab", "aaab BAD\r\n"},
-                              {"aaab", "aaab OKAY\r\n"},
-                              {"aaab", "aaabx OK\r\n"},
-                              {"aaab", "aaac OK other tag\r\n"},
-                              {"aaab", "* OK untagged\r\n"}};
-    for (const auto& c : notOk) {
-        ImapResultSet rs;
-        EXPECT_FALSE(withLines(rs, c[0], {c[1]}).isOK(true, log)) << c[1];
+        rs.setTag(c.tag);
+        for (const char* l : c.lines) rs.getArray2().appendString(l);
+        EXPECT_EQ(rs.isOK(true, log), c.ok) << (c.lines.empty() ? "no lines" : c.lines.back());
     }
     EXPECT_EQ(*log.lastData("imapStatusLine"), "* OK untagged");
-    ImapResultSet empty;
-    EXPECT_FALSE(empty.isOK(true, log));
 }
-
-TEST(ImapResultSet, TextAndAccessors) {
+TEST(ImapResultSet, TextAppendsEveryLineAndClearEmpties) {
     ImapResultSet rs;
-    withLines(rs, "aaad", {"* 1 FETCH (BODY {5}\r\nhello)\r\n", "aaad OK\r\n"});
-    rs.setCommand("FETCH");
-    EXPECT_STREQ(rs.getTag(), "aaad");
-    EXPECT_STREQ(rs.getCommand(), "FETCH");
-    EXPECT_EQ(rs.getNumLines(), 2);
+    rs.setTag("aaad");
+    rs.getArray2().appendString("* 1 FETCH (BODY {5}\r\nhello)\r\n");
+    rs.getArray2().appendString("aaad OK\r\n");
     EXPECT_STREQ(rs.getLine(5), "");
     StringBuffer text("x");
     rs.toStringBuffer(text);
@@ -190,8 +155,6 @@ TEST(ImapResultSet, TextAndAccessors) {
 
 TEST(ImapMsgSummary, FindsPartsAndTheBestDisplayablePart) {
     ImapMsgSummary* s = ImapMsgSummary::createNewObject();
-    ASSERT_NE(s, nullptr);
-    EXPECT_EQ(s->m_loaded, 0);
     auto add = [&](const char* id, const char* type, const char* sub, bool attachment = false) {
         auto* p = new ImapMsgPart;
         p->m_partId.setString(id);
@@ -209,9 +172,7 @@ TEST(ImapMsgSummary, FindsPartsAndTheBestDisplayablePart) {
     add("3", "TEXT", "CSV");
     s->m_numAttachments = 1;
 
-    EXPECT_TRUE(s->findMsgPart("1")->isType("message", "rfc822"));
     EXPECT_EQ(s->findMsgPart("4"), nullptr);
-    EXPECT_EQ(s->findMsgPart(nullptr), nullptr);
     StringBuffer id("1");
     ASSERT_TRUE(s->findBestMsgPart(id));
     EXPECT_STREQ(id.getString(), "1.1.2");  // plain text wins over HTML

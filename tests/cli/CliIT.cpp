@@ -2,7 +2,10 @@
 // sources, mailbox and message subcommands, JSON output, IDLE.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+
 #include <algorithm>
+#include <chrono>
 #include <set>
 
 #include "CliItSupport.h"
@@ -37,42 +40,6 @@ std::set<std::string> mailboxNames(const Json& list) {
 
 std::vector<uint32_t> uidsOf(const Json& j) { return j["uids"].get<std::vector<uint32_t>>(); }
 
-// A message with a binary attachment whose decoded bytes the test knows.
-std::string attachmentBytes() {
-    std::string bytes;
-    for (int i = 0; i < 3000; ++i) bytes += static_cast<char>((i * 37 + 11) & 0xFF);
-    return bytes;
-}
-
-std::string base64Lines(const std::string& in) {
-    static const char k[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out, line;
-    for (size_t i = 0; i < in.size(); i += 3) {
-        uint32_t v = static_cast<uint8_t>(in[i]) << 16;
-        if (i + 1 < in.size()) v |= static_cast<uint8_t>(in[i + 1]) << 8;
-        if (i + 2 < in.size()) v |= static_cast<uint8_t>(in[i + 2]);
-        line += k[v >> 18];
-        line += k[(v >> 12) & 63];
-        line += i + 1 < in.size() ? k[(v >> 6) & 63] : '=';
-        line += i + 2 < in.size() ? k[v & 63] : '=';
-        if (line.size() >= 76) {
-            out += line + "\r\n";
-            line.clear();
-        }
-    }
-    if (!line.empty()) out += line + "\r\n";
-    return out;
-}
-
-std::string messageWithAttachment(const std::string& subject) {
-    return "From: Bob <bob@localhost>\r\nTo: Bob <bob@localhost>\r\nSubject: " + subject +
-           "\r\nMIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=\"b1\"\r\n\r\n"
-           "--b1\r\nContent-Type: text/plain; charset=us-ascii\r\n\r\nSee the attachment.\r\n"
-           "--b1\r\nContent-Type: application/octet-stream; name=\"data.bin\"\r\n"
-           "Content-Disposition: attachment; filename=\"data.bin\"\r\nContent-Transfer-Encoding: base64\r\n\r\n" +
-           base64Lines(attachmentBytes()) + "--b1--\r\n";
-}
-
 }  // namespace
 
 // --- logins and password sources ---------------------------------------------
@@ -102,9 +69,6 @@ TEST(CliLogin, PasswordAndUserFromANetrcFile) {
     RunResult r = runTool({"--url", "imap://127.0.0.1:" + imapPort(), "--plain", "status", "INBOX"}, o);
     EXPECT_TOOL_OK(r);
     EXPECT_NE(r.out.find("messages:"), std::string::npos);
-
-    writeFile(netrc, "machine 127.0.0.1 login bob password not-bobs\n");
-    expectCleanError(runTool(cat(server("bob"), {"capabilities"}), o), 4, "login as bob failed");
 }
 
 TEST(CliLogin, PasswordFromStandardInput) {
@@ -117,26 +81,18 @@ TEST(CliLogin, PasswordFromStandardInput) {
     expectCleanError(runTool(cat(cat({"--password-stdin"}, server("bob")), {"capabilities"}), o), 4, "stdin");
 }
 
+// What --insecure and the URL's scheme turn into: CliSettings.UrlAndOptionsCombine;
+// how the client verifies: ClientIT.
 TEST(CliLogin, TlsIsVerifiedAgainstTheCaFile) {
     std::string ca = env("ZRIMAP_CA_FILE");
     std::string imaps = "imaps://bob@127.0.0.1:" + env("ZRIMAP_IMAPS_PORT");
-    std::string starttls = "imap://bob@127.0.0.1:" + imapPort();
     EXPECT_TOOL_OK(runTool({"--url", imaps, "--ca-file", ca, "capabilities"}, as("bob")));
-    EXPECT_TOOL_OK(runTool({"--url", starttls, "--ca-file", ca, "capabilities"}, as("bob")));
-    EXPECT_TOOL_OK(runTool({"--url", imaps, "--insecure", "capabilities"}, as("bob")));
     // The self-signed certificate is not in the system's store.
     expectCleanError(runTool({"--url", imaps, "capabilities"}, as("bob")), 3, "cannot connect to 127.0.0.1:");
-    // The same with the pieces given one by one.
+    // The same with the pieces given one by one; --auth names the mechanism.
     EXPECT_TOOL_OK(runTool({"--host", "localhost", "--port", env("ZRIMAP_IMAPS_PORT"), "--user", "bob", "--tls",
-                            "--ca-file", ca, "capabilities"},
+                            "--ca-file", ca, "--auth", "cram-md5", "capabilities"},
                            as("bob")));
-}
-
-TEST(CliLogin, MechanismsCanBeChosen) {
-    for (const char* mech : {"login", "plain", "cram-md5"}) {
-        RunResult r = runTool(cat(cat({"--auth", mech}, server("bob")), {"capabilities"}), as("bob"));
-        EXPECT_EQ(r.exitCode, 0) << mech << ": " << describe(r);
-    }
 }
 
 TEST(CliLogin, SessionLogRecordsTheConversationWithoutThePassword) {
@@ -168,7 +124,6 @@ TEST(CliMailboxes, CreateSubscribeRenameDelete) {
     EXPECT_EQ(mailboxNames(parseJson(toolJson("bob", {"list", "cli-mbx-*", "--subscribed"}))),
               std::set<std::string>{a});
     EXPECT_TOOL_OK(tool("bob", {"unsubscribe", a}));
-    EXPECT_EQ(mailboxNames(parseJson(toolJson("bob", {"list", "cli-mbx-*", "--subscribed"}))).size(), 0u);
 
     RunResult ren = toolJson("bob", {"rename", a, b});
     ASSERT_TOOL_OK(ren);
@@ -192,20 +147,17 @@ TEST(CliMailboxes, CreateSubscribeRenameDelete) {
     EXPECT_EQ(ro["read_only"], true);
 
     EXPECT_TOOL_OK(tool("bob", {"delete", b}));
-    EXPECT_EQ(mailboxNames(parseJson(toolJson("bob", {"list", "cli-mbx-*"}))).size(), 0u);
     expectCleanError(tool("bob", {"delete", b}), 1, "cannot delete \"cli-mbx-b\"");
 }
 
+// The names' coding itself: ClientUnitTest and ClientIT.
 TEST(CliMailboxes, SeededNamesComeBackAsUtf8) {
     Json j = parseJson(toolJson("alice", {"list"}));
-    auto names = mailboxNames(j);
-    for (const char* expected : {"INBOX", "Work", "Work/Projects", "Entwürfe", "日本語", "Tom & Jerry", "Bulk"})
-        EXPECT_EQ(names.count(expected), 1u) << expected;
+    bool found = false;
     for (const Json& b : j["mailboxes"]) {
-        if (b["name"] == "Entwürfe") {
-            EXPECT_EQ(b["raw_name"], "Entw&APw-rfe");
-        }
+        if (b["name"] == "Entwürfe") found = b["raw_name"] == "Entw&APw-rfe";
     }
+    EXPECT_TRUE(found) << j.dump();
     RunResult text = tool("alice", {"list", "%"});
     ASSERT_TOOL_OK(text);
     EXPECT_EQ(text.out.find("Work/Projects"), std::string::npos) << "% stops at the separator";
@@ -219,20 +171,18 @@ TEST(CliMailboxes, SeededNamesComeBackAsUtf8) {
 TEST(CliSeeded, StatusAndSearchAgreeWithTheManifest) {
     auto inbox = manifestOf("INBOX");
     ASSERT_EQ(inbox.size(), 10u);
-    std::vector<uint32_t> all, seen;
+    std::vector<uint32_t> all;
+    size_t unseen = 0;
     for (const Json& m : inbox) {
         all.push_back(m["uid"]);
-        if (m["flags"].is_string() && m["flags"].get<std::string>().find("\\Seen") != std::string::npos)
-            seen.push_back(m["uid"]);
+        unseen += !m["flags"].is_string() || m["flags"].get<std::string>().find("\\Seen") == std::string::npos;
     }
     std::sort(all.begin(), all.end());
-    std::sort(seen.begin(), seen.end());
 
     Json st = parseJson(toolJson("alice", {"status", "INBOX"}));
     EXPECT_EQ(st["messages"], 10);
-    EXPECT_EQ(st["unseen"], all.size() - seen.size());
+    EXPECT_EQ(st["unseen"], unseen);
     EXPECT_EQ(uidsOf(parseJson(toolJson("alice", {"search", "INBOX"}))), all);
-    EXPECT_EQ(uidsOf(parseJson(toolJson("alice", {"search", "INBOX", "SEEN"}))), seen);
 
     // Several words: the one with a space is quoted on the way out.
     RunResult kickoff = tool("alice", {"search", "INBOX", "SUBJECT", "Project kickoff"});
@@ -242,7 +192,7 @@ TEST(CliSeeded, StatusAndSearchAgreeWithTheManifest) {
     ASSERT_TOOL_OK(umlaut);
     EXPECT_EQ(umlaut.out, "2\n") << "non-ASCII criteria go out as UTF-8";
     // Reading must not have marked anything \Seen.
-    EXPECT_EQ(parseJson(toolJson("alice", {"status", "INBOX"}))["unseen"], all.size() - seen.size());
+    EXPECT_EQ(parseJson(toolJson("alice", {"status", "INBOX"}))["unseen"], unseen);
 }
 
 TEST(CliSeeded, FetchWritesEachMessageAsTheServerHasIt) {
@@ -268,6 +218,14 @@ TEST(CliSeeded, FetchWritesEachMessageAsTheServerHasIt) {
         EXPECT_FALSE(m["internal_date"].get<std::string>().empty());
         EXPECT_EQ(m["attachments_left_out"], false);
     }
+
+    // Message 5 has three attachments; the text part stays.
+    Json slim = parseJson(toolJson("alice", {"fetch", "INBOX", "5", "--without-attachments", "--out", dir + "-slim"}));
+    ASSERT_EQ(slim["messages"].size(), 1u);
+    EXPECT_EQ(slim["messages"][0]["attachments_left_out"], true);
+    const std::string full = readFile(dir + "/5.eml"), text = readFile(dir + "-slim/5.eml");
+    EXPECT_LT(text.size() * 10, full.size());
+    EXPECT_NE(text.find("Three attachments"), std::string::npos);
 }
 
 TEST(CliSeeded, StructureAndOneAttachment) {
@@ -299,23 +257,13 @@ TEST(CliSeeded, StructureAndOneAttachment) {
     EXPECT_EQ(inJson["data_base64"].get<std::string>().size(), (30015u + 2) / 3 * 4);
 }
 
-TEST(CliSeeded, FetchWithoutAttachmentsLeavesThemOut) {
-    std::string dir = makeTempDir("noatt");
-    Json full = parseJson(toolJson("alice", {"fetch", "INBOX", "5", "--out", dir + "/full"}));
-    Json slim = parseJson(toolJson("alice", {"fetch", "INBOX", "5", "--without-attachments", "--out", dir + "/slim"}));
-    ASSERT_EQ(slim["messages"].size(), 1u);
-    EXPECT_EQ(slim["messages"][0]["attachments_left_out"], true);
-    EXPECT_LT(slim["messages"][0]["size"].get<size_t>() * 10, full["messages"][0]["size"].get<size_t>());
-    std::string text = readFile(dir + "/slim/5.eml");
-    EXPECT_NE(text.find("Three attachments"), std::string::npos) << "the text part stays";
-}
-
 // --- bob's own mailboxes: messages and flags ----------------------------------
 
+// Structure and parts of a stored message: CliSeeded.StructureAndOneAttachment.
 TEST(CliMessages, AppendThenFetchGivesTheSameBytes) {
     const std::string box = "cli-msg-roundtrip";
     freshMailbox("bob", box);
-    std::string mime = messageWithAttachment("roundtrip");
+    std::string mime = sampleMessage("roundtrip");
     std::string dir = makeTempDir("roundtrip");
     writeFile(dir + "/in.eml", mime);
 
@@ -333,19 +281,9 @@ TEST(CliMessages, AppendThenFetchGivesTheSameBytes) {
     // The same moment; a server may keep the zone or give it in UTC.
     std::string date = f["messages"][0]["internal_date"];
     EXPECT_TRUE(date == "17-Jul-1996 02:44:25 -0700" || date == "17-Jul-1996 09:44:25 +0000") << date;
-    auto flags = f["messages"][0]["flags"].get<std::vector<std::string>>();
-    EXPECT_NE(std::find(flags.begin(), flags.end(), "\\Seen"), flags.end());
-    EXPECT_NE(std::find(flags.begin(), flags.end(), "$Cli"), flags.end());
-
-    Json s = parseJson(toolJson("bob", {"structure", box, std::to_string(uid)}));
-    std::string part;
-    for (const Json& p : s["parts"]) {
-        if (p["filename"] == "data.bin") part = p["part"];
-    }
-    ASSERT_EQ(part, "2");
-    RunResult bytes = tool("bob", {"part", box, std::to_string(uid), part});
-    ASSERT_TOOL_OK(bytes);
-    EXPECT_EQ(bytes.out, attachmentBytes());
+    auto flags = f["messages"][0]["flags"].get<std::set<std::string>>();
+    EXPECT_EQ(flags.count("\\Seen"), 1u);
+    EXPECT_EQ(flags.count("$Cli"), 1u);
 }
 
 TEST(CliMessages, FlagsCopyAndMove) {
@@ -380,9 +318,6 @@ TEST(CliMessages, FlagsCopyAndMove) {
     ASSERT_TOOL_OK(tool("bob", {"move", box, std::to_string(two), other}));
     EXPECT_EQ(uidsOf(parseJson(toolJson("bob", {"search", box}))), (std::vector<uint32_t>{one}));
     EXPECT_EQ(parseJson(toolJson("bob", {"status", other}))["messages"], 2);
-    RunResult moved = tool("bob", {"search", other, "HEADER", "Message-ID", "ops-two@cli.test"});
-    ASSERT_TOOL_OK(moved);
-    EXPECT_EQ(moved.out.size() > 1, true) << "the moved message is in the target";
 }
 
 // --- IDLE -----------------------------------------------------------------------
@@ -395,7 +330,7 @@ TEST(CliIdle, NoticesAMessageAppendedByAnotherProcess) {
     RunOptions o = as("bob");
     o.timeoutSeconds = 60;
     ToolProcess idle(cat(cat({"--json"}, server("bob")), {"idle", box, "--count", "1", "--timeout", "30"}), o);
-    ASSERT_TRUE(idle.waitForStderr("idling on " + box, 20)) << "IDLE did not start";
+    ASSERT_TRUE(idle.waitFor("idling on " + box, 20)) << "IDLE did not start";
     appendText("bob", box, sampleMessage("idle-news"));
     RunResult r = idle.finish();
     ASSERT_TOOL_OK(r);
@@ -407,37 +342,29 @@ TEST(CliIdle, NoticesAMessageAppendedByAnotherProcess) {
     EXPECT_EQ(event["number"], 2);
 }
 
-TEST(CliIdle, TextEventsAndATimeOut) {
+TEST(CliIdle, TextEventsUntilCtrlC) {
     const std::string box = "cli-idle-text";
     freshMailbox("bob", box);
     uint32_t uid = appendText("bob", box, sampleMessage("idle-flags"));
 
-    ToolProcess idle(cat(server("bob"), {"idle", box, "--count", "1", "--timeout", "30"}), as("bob"));
-    ASSERT_TRUE(idle.waitForStderr("idling on", 20));
-    ASSERT_TOOL_OK(tool("bob", {"flags", box, std::to_string(uid), "--add", "\\Flagged"}));
-    RunResult r = idle.finish();
-    ASSERT_TOOL_OK(r);
-    EXPECT_EQ(r.out.rfind("flags 1", 0), 0u) << r.out;
-    EXPECT_NE(r.out.find("\\Flagged"), std::string::npos) << r.out;
-
-    // Nothing happens: --count is not reached within --timeout.
-    auto start = std::chrono::steady_clock::now();
-    RunResult quiet = tool("bob", {"idle", box, "--count", "1", "--timeout", "1"});
-    auto took = std::chrono::steady_clock::now() - start;
-    EXPECT_EQ(quiet.exitCode, 1) << describe(quiet);
-    EXPECT_NE(quiet.err.find("zrimap: idle: 0 of 1 events within 1 seconds"), std::string::npos) << quiet.err;
-    EXPECT_LT(took, std::chrono::seconds(10));
-}
-
-TEST(CliIdle, CtrlCEndsItCleanly) {
-    const std::string box = "cli-idle-int";
-    freshMailbox("bob", box);
     ToolProcess idle(cat(server("bob"), {"idle", box}), as("bob"));
-    ASSERT_TRUE(idle.waitForStderr("idling on", 20));
+    ASSERT_TRUE(idle.waitFor("idling on", 20));
+    ASSERT_TOOL_OK(tool("bob", {"flags", box, std::to_string(uid), "--add", "\\Flagged"}));
+    EXPECT_TRUE(idle.waitFor("\\Flagged", 20, true));
     idle.kill(SIGINT);
     RunResult r = idle.finish();
     EXPECT_EQ(r.exitCode, 0) << describe(r);
-    EXPECT_EQ(r.signal, 0);
+    EXPECT_EQ(r.out.rfind("flags 1", 0), 0u) << r.out;
+}
+
+TEST(CliIdle, CountNotReachedWithinTheTimeOut) {
+    const std::string box = "cli-idle-quiet";
+    freshMailbox("bob", box);
+    auto start = std::chrono::steady_clock::now();
+    RunResult quiet = tool("bob", {"idle", box, "--count", "1", "--timeout", "1"});
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_EQ(quiet.exitCode, 1) << describe(quiet);
+    EXPECT_NE(quiet.err.find("zrimap: idle: 0 of 1 events within 1 seconds"), std::string::npos) << quiet.err;
 }
 
 // --- help and version ------------------------------------------------------------

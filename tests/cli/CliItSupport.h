@@ -2,34 +2,26 @@
 // Dovecot's address, password handling, and checks of the tool's output.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <dirent.h>
-#include <sys/stat.h>
+#include <gtest/gtest.h>
 
 #include <algorithm>
-
-#include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "ItSession.h"
 #include "ToolRunner.h"
 
 namespace zr {
 namespace clitest {
 
 using Json = nlohmann::json;
-
-inline std::string env(const char* name) {
-    const char* v = std::getenv(name);
-    return v ? v : "";
-}
+using it::env;
 
 inline std::string imapPort() { return env("ZRIMAP_IMAP_PORT"); }
-
-inline std::string passwordOf(const std::string& user) { return user + "-pw"; }
 
 // Over plain IMAP: the TLS paths have tests of their own.
 inline std::vector<std::string> server(const std::string& user) {
@@ -40,7 +32,7 @@ inline std::vector<std::string> server(const std::string& user) {
 // The password in the environment; no netrc of the machine's user can interfere.
 inline RunOptions as(const std::string& user) {
     RunOptions o;
-    o.env["ZRIMAP_PASSWORD"] = passwordOf(user);
+    o.env["ZRIMAP_PASSWORD"] = user + "-pw";
     o.env["NETRC"] = "/nonexistent/netrc";
     return o;
 }

@@ -1,16 +1,16 @@
 #include "ToolRunner.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
+#include <fstream>
+#include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #ifndef ZRIMAP_TOOL_PATH
 #error "ZRIMAP_TOOL_PATH must name the zrimap executable"
@@ -21,29 +21,31 @@ namespace clitest {
 
 namespace {
 
-void closeFd(int& fd) {
-    if (fd >= 0) ::close(fd);
-    fd = -1;
+std::string slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
 }
 
 }  // namespace
 
-std::string toolPath() { return ZRIMAP_TOOL_PATH; }
-
 ToolProcess::ToolProcess(const std::vector<std::string>& args, const RunOptions& options)
-    : m_input(options.input), m_timeoutSeconds(options.timeoutSeconds) {
-    int in[2], out[2], err[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
-        throw std::runtime_error("pipe failed");
-    std::vector<std::string> argv{toolPath()};
+    : m_timeoutSeconds(options.timeoutSeconds) {
+    char tmpl[] = "/tmp/zrimap-tool-XXXXXX";
+    if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
+    m_dir = tmpl;
+    std::ofstream(m_dir + "/in", std::ios::binary) << options.input;
+    const std::string in = m_dir + "/in", out = m_dir + "/out", err = m_dir + "/err";
+    std::vector<std::string> argv{ZRIMAP_TOOL_PATH};
     argv.insert(argv.end(), args.begin(), args.end());
 
     m_pid = fork();
     if (m_pid < 0) throw std::runtime_error("fork failed");
     if (m_pid == 0) {
-        dup2(in[0], STDIN_FILENO);
-        dup2(out[1], STDOUT_FILENO);
-        dup2(err[1], STDERR_FILENO);
+        dup2(open(in.c_str(), O_RDONLY | O_CLOEXEC), STDIN_FILENO);
+        dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), STDOUT_FILENO);
+        dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), STDERR_FILENO);
         for (const auto& [name, value] : options.env) {
             if (value) {
                 setenv(name.c_str(), value->c_str(), 1);
@@ -57,14 +59,6 @@ ToolProcess::ToolProcess(const std::vector<std::string>& args, const RunOptions&
         execv(cargs[0], cargs.data());
         _exit(127);
     }
-    ::close(in[0]);
-    ::close(out[1]);
-    ::close(err[1]);
-    m_in = in[1];
-    m_out = out[0];
-    m_err = err[0];
-    fcntl(m_in, F_SETFL, O_NONBLOCK);
-    if (m_input.empty()) closeFd(m_in);
 }
 
 ToolProcess::~ToolProcess() {
@@ -72,56 +66,21 @@ ToolProcess::~ToolProcess() {
         ::kill(m_pid, SIGKILL);
         waitpid(m_pid, nullptr, 0);
     }
-    closeFd(m_in);
-    closeFd(m_out);
-    closeFd(m_err);
+    for (const char* f : {"/in", "/out", "/err"}) unlink((m_dir + f).c_str());
+    rmdir(m_dir.c_str());
 }
 
-bool ToolProcess::pump(int timeoutMs) {
-    if (m_out < 0 && m_err < 0) return false;
-    pollfd fds[3];
-    int n = 0;
-    int idxIn = -1, idxOut = -1, idxErr = -1;
-    if (m_in >= 0) {
-        idxIn = n;
-        fds[n++] = {m_in, POLLOUT, 0};
-    }
-    if (m_out >= 0) {
-        idxOut = n;
-        fds[n++] = {m_out, POLLIN, 0};
-    }
-    if (m_err >= 0) {
-        idxErr = n;
-        fds[n++] = {m_err, POLLIN, 0};
-    }
-    int r = poll(fds, static_cast<nfds_t>(n), timeoutMs);
-    if (r <= 0) return true;
-    if (idxIn >= 0 && fds[idxIn].revents) {
-        ssize_t w = ::write(m_in, m_input.data() + m_inputSent, m_input.size() - m_inputSent);
-        if (w > 0) m_inputSent += static_cast<size_t>(w);
-        if (w < 0 && errno != EAGAIN) m_inputSent = m_input.size();
-        if (m_inputSent >= m_input.size()) closeFd(m_in);
-    }
-    char buf[65536];
-    auto drain = [&](int idx, int& fd, std::string& sink) {
-        if (idx < 0 || !fds[idx].revents) return;
-        ssize_t got = ::read(fd, buf, sizeof buf);
-        if (got > 0) {
-            sink.append(buf, static_cast<size_t>(got));
-        } else if (got == 0 || errno != EINTR) {
-            closeFd(fd);
-        }
-    };
-    drain(idxOut, m_out, m_result.out);
-    drain(idxErr, m_err, m_result.err);
-    return true;
+bool ToolProcess::reap(bool wait) {
+    if (m_pid > 0 && waitpid(m_pid, &m_status, wait ? 0 : WNOHANG) == m_pid) m_pid = -1;
+    return m_pid <= 0;
 }
 
-bool ToolProcess::waitForStderr(const std::string& text, int timeoutSeconds) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
-    while (m_result.err.find(text) == std::string::npos) {
-        if (std::chrono::steady_clock::now() >= end) return false;
-        if (!pump(100)) return m_result.err.find(text) != std::string::npos;
+bool ToolProcess::waitFor(const std::string& text, int timeoutSeconds, bool onStdout) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
+    const std::string file = m_dir + (onStdout ? "/out" : "/err");
+    while (slurp(file).find(text) == std::string::npos) {
+        if (reap(false) || std::chrono::steady_clock::now() >= end) return slurp(file).find(text) != std::string::npos;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     return true;
 }
@@ -131,29 +90,23 @@ void ToolProcess::kill(int sig) {
 }
 
 RunResult ToolProcess::finish() {
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(m_timeoutSeconds);
-    while (pump(100)) {
-        if (std::chrono::steady_clock::now() >= end) {
-            m_result.timedOut = true;
-            ::kill(m_pid, SIGKILL);
-            break;
-        }
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(m_timeoutSeconds);
+    while (!reap(false) && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    if (m_pid > 0) {
+        ::kill(m_pid, SIGKILL);
+        reap(true);
     }
-    closeFd(m_in);
-    int status = 0;
-    waitpid(m_pid, &status, 0);
-    m_pid = -1;
-    if (WIFEXITED(status)) {
-        m_result.exitCode = WEXITSTATUS(status);
-    } else if (WIFSIGNALED(status)) {
-        m_result.signal = WTERMSIG(status);
-    }
-    return m_result;
+    RunResult r;
+    if (WIFEXITED(m_status)) r.exitCode = WEXITSTATUS(m_status);
+    if (WIFSIGNALED(m_status)) r.signal = WTERMSIG(m_status);
+    r.out = slurp(m_dir + "/out");
+    r.err = slurp(m_dir + "/err");
+    return r;
 }
 
 RunResult runTool(const std::vector<std::string>& args, const RunOptions& options) {
-    ToolProcess p(args, options);
-    return p.finish();
+    return ToolProcess(args, options).finish();
 }
 
 }  // namespace clitest

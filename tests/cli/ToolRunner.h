@@ -15,18 +15,18 @@ namespace clitest {
 struct RunResult {
     int exitCode = -1;  // -1 when killed by a signal
     int signal = 0;     // the signal that ended it, else 0
-    bool timedOut = false;
     std::string out;
     std::string err;
 };
 
 struct RunOptions {
-    std::string input;                                      // fed to stdin, then closed
+    std::string input;                                      // fed to stdin
     std::map<std::string, std::optional<std::string>> env;  // nullopt: removed from the child's environment
     int timeoutSeconds = 120;
 };
 
-// A started child; read() collects output until it ends.
+// A started child. Its output goes to files in a private directory, so
+// nothing it writes can block it, and can be looked at while it runs.
 class ToolProcess {
 public:
     ToolProcess(const std::vector<std::string>& args, const RunOptions& options);
@@ -34,26 +34,20 @@ public:
     ToolProcess(const ToolProcess&) = delete;
     ToolProcess& operator=(const ToolProcess&) = delete;
 
-    // Collects output until stderr contains text or the time is up; true if it did.
-    bool waitForStderr(const std::string& text, int timeoutSeconds);
+    // Until stderr (or stdout) contains text, the process ends or the time is up; true if it appeared.
+    bool waitFor(const std::string& text, int timeoutSeconds, bool onStdout = false);
     // Until the process ends (killed after the timeout given at start).
     RunResult finish();
     void kill(int sig);
-    pid_t pid() const { return m_pid; }
 
 private:
-    bool pump(int timeoutMs);  // false once both pipes are closed
+    bool reap(bool wait);  // true once the process has ended
 
     pid_t m_pid = -1;
-    int m_in = -1, m_out = -1, m_err = -1;
-    std::string m_input;
-    size_t m_inputSent = 0;
+    int m_status = 0;
+    std::string m_dir;
     int m_timeoutSeconds;
-    RunResult m_result;
 };
-
-// The path of the built tool (a compile definition of the test executable).
-std::string toolPath();
 
 RunResult runTool(const std::vector<std::string>& args, const RunOptions& options = {});
 

@@ -1,32 +1,24 @@
 // The public API end to end against the test Dovecot: bob's account, in
-// mailboxes named "zr-api ..." that only these tests use.
+// mailboxes named "zr-api ..." that only these tests use. What the engine
+// does with the server is pinned by tests/integration; here the API's own
+// mapping of settings, results and errors is checked. Masked credentials,
+// progress events and aborts: ClientScriptedTest and tests/imap/AuthTest.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <cstdio>
-#include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "ClientDetail.h"
 #include "ItMessages.h"
+#include "ItSession.h"
 #include "zrimap/client.h"
-#include "zrimap/engine.h"
 
 using namespace zr;
+using zr::it::env;
 
 namespace {
-
-std::string env(const char* name) {
-    const char* v = std::getenv(name);
-    return v ? v : "";
-}
 
 std::vector<uint8_t> bytes(const std::string& s) { return {s.begin(), s.end()}; }
 std::string text(const std::vector<uint8_t>& b) { return {b.begin(), b.end()}; }
@@ -41,9 +33,7 @@ class ClientIT : public ::testing::Test {
 protected:
     ImapClient client;
 
-    void SetUp() override {
-        if (env("ZRIMAP_IMAP_PORT").empty()) GTEST_FAIL() << "ZRIMAP_IMAP_PORT is not set: run this test through ctest";
-    }
+    void SetUp() override { it::failWithoutFixture(); }
 
     static ServerSettings settings(const std::string& scheme = "imaps", const std::string& user = "bob",
                                    const std::string& password = "bob-pw") {
@@ -107,7 +97,7 @@ protected:
 // ---------------------------------------------------------------------------
 // Connecting
 
-TEST_F(ClientIT, TlsByUrlWithTheTestCa) {
+TEST_F(ClientIT, TlsOrStartTlsByUrl) {
     connect(client);
     EXPECT_TRUE(client.isConnected());
     EXPECT_TRUE(client.hasCapability("imap4rev1"));
@@ -120,84 +110,68 @@ TEST_F(ClientIT, TlsByUrlWithTheTestCa) {
     client.disconnect();
     EXPECT_FALSE(client.isConnected());
     EXPECT_EQ(client.select("INBOX").message(), "Not connected to a server");
-    connect(client);  // the same object connects again
-    ASSERT_TRUE(client.logout());
-    EXPECT_FALSE(client.isConnected());
-    EXPECT_EQ(client.logout().message(), "Not connected to a server");
-}
 
-TEST_F(ClientIT, StartTlsUpgradesBeforeLogin) {
+    // The same object connects again; imap:// upgrades before the login.
     client.keepSessionLog(true);
     ServerSettings s = settings("imap");
     ASSERT_EQ(s.security, Security::StartTls);
     connect(client, s);
     const std::string log = client.sessionLog();
-    const size_t startTls = log.find("STARTTLS");
-    const size_t login = log.find("AUTHENTICATE");
+    const size_t startTls = log.find("STARTTLS"), login = log.find("AUTHENTICATE");
     ASSERT_NE(startTls, std::string::npos) << log;
     ASSERT_NE(login, std::string::npos) << log;
     EXPECT_LT(startTls, login);
-    EXPECT_TRUE(client.select("INBOX"));
+    client.clearSessionLog();
+    EXPECT_EQ(client.sessionLog(), "");
+    ASSERT_TRUE(client.logout());
+    EXPECT_FALSE(client.isConnected());
+    EXPECT_EQ(client.logout().message(), "Not connected to a server");
 }
 
-TEST_F(ClientIT, CertificateIsVerifiedAgainstTheSystemStoreWithoutCaFile) {
+TEST_F(ClientIT, ConnectFailuresNameTheirCause) {
+    // Without a CA file the system store decides, and it does not know the test CA.
     ServerSettings s = settings();
     s.caFile.clear();
     Status st = client.connect(s);
     ASSERT_FALSE(st);
     EXPECT_NE(st.message().find("certificate"), std::string::npos) << st.message();
     EXPECT_FALSE(client.isConnected());
-    // An explicit choice turns the check off.
-    s.verifyCertificate = false;
+    s.verifyCertificate = false;  // an explicit choice turns the check off
     connect(client, s);
 
-    ServerSettings missing = settings();
-    missing.caFile = "/nonexistent/ca.pem";
-    st = client.connect(missing);
+    s = settings();
+    s.caFile = "/nonexistent/ca.pem";
+    st = client.connect(s);
     EXPECT_NE(st.message().find("/nonexistent/ca.pem"), std::string::npos) << st.message();
+
+    s = settings();
+    s.port = it::closedPort();
+    st = client.connect(s);
+    EXPECT_NE(st.message().find("refused"), std::string::npos) << st.message();
 }
 
-TEST_F(ClientIT, WrongPasswordGivesTheServersText) {
+// Each mechanism's refusal is the server's text, without the status word.
+TEST_F(ClientIT, MechanismsRefuseWithTheServersTextOrLogIn) {
     std::vector<std::string> diagnostics;
     client.setDiagnostics([&](const std::string& line) { diagnostics.push_back(line); }, false);
-    for (AuthMechanism mech : {AuthMechanism::Auto, AuthMechanism::Login, AuthMechanism::Plain}) {
-        ServerSettings s = settings("imaps", "bob", "not-bobs-pw");
+    for (AuthMechanism mech : {AuthMechanism::Auto, AuthMechanism::Login, AuthMechanism::Plain,
+                               AuthMechanism::CramMd5}) {
+        SCOPED_TRACE(static_cast<int>(mech));
+        ServerSettings s = settings("imaps", "dave", "not-daves-pw");
         s.mechanism = mech;
         Status st = client.connect(s);
         EXPECT_FALSE(st);
         EXPECT_NE(st.message().find("[AUTHENTICATIONFAILED]"), std::string::npos) << st.message();
         EXPECT_EQ(st.message().find("NO "), std::string::npos) << st.message();
         EXPECT_FALSE(client.isConnected());
+        s.password = "d\xC3\xA4v\xC3\xA9-pw";
+        st = client.connect(s);
+        EXPECT_TRUE(st) << st.message();
+        EXPECT_TRUE(client.isConnected());
     }
     EXPECT_FALSE(diagnostics.empty());
     for (const std::string& line : diagnostics) EXPECT_EQ(line.find('\n'), std::string::npos);
-}
 
-TEST_F(ClientIT, ClosedPortIsRefused) {
-    // A port that was just free: bound, then closed again.
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-    ASSERT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len), 0);
-    ::close(fd);
-    ServerSettings s = settings();
-    s.port = ntohs(a.sin_port);
-    Status st = client.connect(s);
-    EXPECT_NE(st.message().find("refused"), std::string::npos) << st.message();
-}
-
-TEST_F(ClientIT, MechanismsAndUtf8Password) {
-    for (AuthMechanism mech : {AuthMechanism::Auto, AuthMechanism::Login, AuthMechanism::Plain,
-                               AuthMechanism::CramMd5}) {
-        ServerSettings s = settings("imaps", "dave", "d\xC3\xA4v\xC3\xA9-pw");
-        s.mechanism = mech;
-        Status st = client.connect(s);
-        EXPECT_TRUE(st) << static_cast<int>(mech) << ": " << st.message();
-        EXPECT_TRUE(client.isConnected());
-    }
     ServerSettings token = settings("imaps", "bob", "bob-oauth2-token");
     token.mechanism = AuthMechanism::XOAuth2;
     Status st = client.connect(token);
@@ -300,9 +274,6 @@ TEST_F(ClientIT, SearchAndFlags) {
     auto all = client.search("ALL");
     ASSERT_TRUE(all) << all.message();
     EXPECT_EQ(all.value(), uids);
-    auto beta = client.search("SUBJECT beta");
-    ASSERT_TRUE(beta) << beta.message();
-    EXPECT_EQ(beta.value(), std::vector<uint32_t>{uids[1]});
     auto utf8 = client.search("SUBJECT \"" + utf8Subject + "\"");
     ASSERT_TRUE(utf8) << utf8.message();
     EXPECT_EQ(utf8.value(), std::vector<uint32_t>{uids[2]});
@@ -319,9 +290,6 @@ TEST_F(ClientIT, SearchAndFlags) {
     ASSERT_TRUE(f0);
     EXPECT_EQ(f0->count("$Label1"), 0u);
     EXPECT_EQ(f0->count("\\Flagged"), 1u);
-    auto f1 = client.fetchFlags(uids[1]);
-    ASSERT_TRUE(f1);
-    EXPECT_EQ(f1->count("$Label1"), 1u);
     auto flagged = client.search("FLAGGED");
     ASSERT_TRUE(flagged);
     EXPECT_EQ(flagged.value(), (std::vector<uint32_t>{uids[0], uids[1]}));
@@ -382,9 +350,6 @@ TEST_F(ClientIT, FetchWholeWithoutAttachmentsStructureAndParts) {
     auto pdf = client.fetchPart(uids[0], "2");
     ASSERT_TRUE(pdf) << pdf.message();
     EXPECT_EQ(text(pdf.value()), it::pdfBytes());
-    auto png = client.fetchPart(uids[0], "3");
-    ASSERT_TRUE(png) << png.message();
-    EXPECT_EQ(text(png.value()), it::pngBytes());
     auto encoded = client.fetchPart(uids[0], "2", false);
     ASSERT_TRUE(encoded);
     const std::string lines = it::base64Lines(it::pdfBytes());
@@ -399,47 +364,24 @@ TEST_F(ClientIT, FetchWholeWithoutAttachmentsStructureAndParts) {
     EXPECT_NE(client.fetchMessage(uids[2] + 50).message().find("No message with UID"), std::string::npos);
     EXPECT_NE(client.fetchStructure(uids[2] + 50).message().find("No message with UID"), std::string::npos);
     EXPECT_TRUE(client.isConnected());
-    // Examined: reading leaves \Seen alone.
-    ASSERT_TRUE(client.removeFlags({uids[1]}, {"\\Seen"}));
-    ASSERT_TRUE(client.examine("zr-api fetch"));
-    ASSERT_TRUE(client.fetchMessage(uids[1]));
-    auto flags = client.fetchFlags(uids[1]);
-    ASSERT_TRUE(flags);
-    EXPECT_EQ(flags->count("\\Seen"), 0u);
 }
 
-TEST_F(ClientIT, CopyMoveAndTheUidExpungeFallback) {
+// The fallback without MOVE (COPY, \Deleted, UID EXPUNGE of exactly the moved
+// UIDs) is pinned on the wire by ClientScriptedTest's MoveFallback test.
+TEST_F(ClientIT, CopyAndMove) {
     connect(client);
-    client.keepSessionLog(true);
     const std::string dest = "zr-api moved here";
     client.deleteMailbox(dest);
     ASSERT_TRUE(client.createMailbox(dest));
-    auto uids = freshMailbox("zr-api move from", {it::plainMessage("m1"), it::plainMessage("m2"),
-                                                  it::plainMessage("m3"), it::plainMessage("bystander")});
-    ASSERT_EQ(uids.size(), 4u);
+    auto uids = freshMailbox("zr-api move from", {it::plainMessage("m1"), it::plainMessage("m2")});
+    ASSERT_EQ(uids.size(), 2u);
 
     ASSERT_TRUE(client.copy({uids[0]}, dest));
     EXPECT_EQ(messagesIn(dest), 1);
-    EXPECT_EQ(allUids().size(), 4u);
-
-    ASSERT_TRUE(client.move({uids[1]}, dest));  // MOVE
+    EXPECT_EQ(allUids(), uids);
+    ASSERT_TRUE(client.move({uids[1]}, dest));
     EXPECT_EQ(messagesIn(dest), 2);
-    EXPECT_EQ(allUids(), (std::vector<uint32_t>{uids[0], uids[2], uids[3]}));
-
-    // Without MOVE: COPY, \Deleted and UID EXPUNGE of exactly that message;
-    // a bystander already marked \Deleted must survive.
-    ASSERT_TRUE(client.addFlags({uids[3]}, {"\\Deleted"}));
-    std::vector<std::string> caps;
-    for (const std::string& c : client.capabilities())
-        if (c != "MOVE") caps.push_back(c);
-    ImapClientTesting::setCapabilities(client, caps);
-    client.clearSessionLog();
-    ASSERT_TRUE(client.move({uids[2]}, dest));
-    EXPECT_EQ(messagesIn(dest), 3);
-    EXPECT_EQ(allUids(), (std::vector<uint32_t>{uids[0], uids[3]}));
-    const std::string log = client.sessionLog();
-    EXPECT_NE(log.find("UID EXPUNGE " + std::to_string(uids[2])), std::string::npos) << log;
-    EXPECT_EQ(log.find(" MOVE "), std::string::npos) << log;
+    EXPECT_EQ(allUids(), std::vector<uint32_t>{uids[0]});
 
     Status bad = client.copy({uids[0]}, "zr-api no such mailbox");
     EXPECT_FALSE(bad);
@@ -516,43 +458,6 @@ TEST_F(ClientIT, IdleSeesAMessageAppendedByAnotherClient) {
     EXPECT_TRUE(sawExists);
     ASSERT_TRUE(client.idleDone());
     EXPECT_EQ(allUids().size(), 2u);
-}
-
-TEST_F(ClientIT, SessionLogProgressAndAbort) {
-    client.keepSessionLog(true);
-    std::vector<std::pair<std::string, std::string>> events;
-    bool stop = false;
-    client.setProgressCallbacks({[&](const std::string& n, const std::string& v) { events.emplace_back(n, v); },
-                                 [&] { return stop; }});
-    for (AuthMechanism mech : {AuthMechanism::Login, AuthMechanism::Plain}) {
-        ServerSettings s = settings();
-        s.mechanism = mech;
-        connect(client, s);
-    }
-    ASSERT_TRUE(client.select("INBOX"));
-    const std::string log = client.sessionLog();
-    EXPECT_NE(log.find("LOGIN \"bob\""), std::string::npos) << log;
-    EXPECT_NE(log.find("SELECT \"INBOX\""), std::string::npos) << log;
-    EXPECT_NE(log.find("OK"), std::string::npos);
-    EXPECT_EQ(log.find("bob-pw"), std::string::npos);
-    EXPECT_EQ(log.find("AGJvYgBib2ItcHc"), std::string::npos);  // "\0bob\0bob-pw" in base64
-    bool sent = false, received = false;
-    for (const auto& [name, value] : events) {
-        EXPECT_EQ(value.find("bob-pw"), std::string::npos) << name;
-        EXPECT_EQ(value.find("AGJvYgBib2ItcHc"), std::string::npos) << name;
-        sent = sent || (name == "ImapCmdSent" && value.find("SELECT") != std::string::npos);
-        received = received || name == "ImapCmdResp";
-    }
-    EXPECT_TRUE(sent);
-    EXPECT_TRUE(received);
-    EXPECT_NE(client.lastCommand().find("SELECT"), std::string::npos);
-
-    client.clearSessionLog();
-    EXPECT_TRUE(client.sessionLog().empty());
-    stop = true;
-    auto aborted = client.search("ALL");
-    EXPECT_NE(aborted.message().find("Aborted"), std::string::npos) << aborted.message();
-    EXPECT_FALSE(client.isConnected());
 }
 
 }  // namespace

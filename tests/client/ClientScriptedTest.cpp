@@ -30,11 +30,16 @@ ServerSettings settingsFor(const ScriptedServer& server, const std::string& pass
     return s;
 }
 
+// The greeting and the CAPABILITY exchange before the login.
+ScriptedServer& greeted(ScriptedServer& server, const std::string& caps) {
+    return server.send("* OK ready\r\n")
+        .expect("{tag} CAPABILITY\r\n")
+        .send("* CAPABILITY " + caps + "\r\n{tag} OK done\r\n");
+}
+
 // Greeting, CAPABILITY, LOGIN, CAPABILITY again.
 void loggedIn(ScriptedServer& server, const std::string& caps) {
-    server.send("* OK ready\r\n")
-        .expect("{tag} CAPABILITY\r\n")
-        .send("* CAPABILITY " + caps + "\r\n{tag} OK done\r\n")
+    greeted(server, caps)
         .expect("{tag} LOGIN \"bob\" \"pw\"\r\n")
         .send("{tag} OK logged in\r\n")
         .expect("{tag} CAPABILITY\r\n")
@@ -44,10 +49,7 @@ void loggedIn(ScriptedServer& server, const std::string& caps) {
 TEST(ClientLogin, LoginDisabledServerNeverReceivesLogin) {
     for (AuthMechanism mech : {AuthMechanism::Auto, AuthMechanism::Login}) {
         ScriptedServer server;
-        server.send("* OK ready\r\n")
-            .expect("{tag} CAPABILITY\r\n")
-            .send("* CAPABILITY IMAP4rev1 LOGINDISABLED\r\n{tag} OK done\r\n")
-            .expectClose();
+        greeted(server, "IMAP4rev1 LOGINDISABLED").expectClose();
         server.start();
         ImapClient client;
         ServerSettings s = settingsFor(server);
@@ -63,9 +65,7 @@ TEST(ClientLogin, LoginDisabledServerNeverReceivesLogin) {
 
 TEST(ClientLogin, AutoPrefersCramMd5AndReportsTheServersRefusal) {
     ScriptedServer server;
-    server.send("* OK ready\r\n")
-        .expect("{tag} CAPABILITY\r\n")
-        .send("* CAPABILITY IMAP4rev1 AUTH=PLAIN AUTH=CRAM-MD5\r\n{tag} OK done\r\n")
+    greeted(server, "IMAP4rev1 AUTH=PLAIN AUTH=CRAM-MD5")
         .expect("{tag} AUTHENTICATE CRAM-MD5\r\n")
         .send("{tag} NO [AUTHENTICATIONFAILED] no cram today\r\n")
         .expectClose();
@@ -82,10 +82,7 @@ TEST(ClientLogin, PasswordWithQuoteGoesOverPlainIntactAndMasked) {
     // Only LOGIN on offer: refused before anything is sent.
     {
         ScriptedServer server;
-        server.send("* OK ready\r\n")
-            .expect("{tag} CAPABILITY\r\n")
-            .send("* CAPABILITY IMAP4rev1\r\n{tag} OK done\r\n")
-            .expectClose();
+        greeted(server, "IMAP4rev1").expectClose();
         server.start();
         ImapClient client;
         Status st = client.connect(settingsFor(server, password));
@@ -97,9 +94,7 @@ TEST(ClientLogin, PasswordWithQuoteGoesOverPlainIntactAndMasked) {
     const std::string credentials = std::string("\0bob\0", 5) + password;
     ContentCoding::encodeBase64_noCrLf(credentials.data(), static_cast<unsigned>(credentials.size()), b64);
     ScriptedServer server;
-    server.send("* OK ready\r\n")
-        .expect("{tag} CAPABILITY\r\n")
-        .send("* CAPABILITY IMAP4rev1 AUTH=PLAIN\r\n{tag} OK done\r\n")
+    greeted(server, "IMAP4rev1 AUTH=PLAIN")
         .expect("{tag} AUTHENTICATE PLAIN\r\n")
         .send("+ \r\n")
         .expect(std::string(b64.getString()) + "\r\n")

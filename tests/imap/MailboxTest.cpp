@@ -1,33 +1,16 @@
 // Mailbox commands, SELECT/EXAMINE/STATUS, LIST/LSUB and the IDLE event XML
 // against a scripted server.
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <string>
 
-#include "ScriptedServer.h"
-#include "zrimap/engine.h"
+#include "EngineTest.h"
 
 using namespace zr;
-using zr::test::ScriptedServer;
+using namespace zr::test;
 
 namespace {
 
-class Mailbox : public ::testing::Test {
-protected:
-    ScriptedServer server;
-    _zrImap imap;
-    MemoryLog log;
-    _clsTls tls;
-    SocketParams sp{nullptr};
-
-    void SetUp() override { server.send("* OK\r\n"); }
-    void start() {
-        server.start();
-        StringBuffer greeting;
-        ASSERT_TRUE(imap.connectToImapServer(StringBuffer("127.0.0.1"), server.port(), greeting, tls, sp, log));
-    }
-};
+class Mailbox : public GreetedEngineTest {};
 
 std::string idleXml(const char* line) {
     _zrImap imap;
@@ -61,10 +44,7 @@ TEST_F(Mailbox, FamilyLinesQuoteNamesAsGiven) {
     ASSERT_TRUE(imap.unsubscribe("x", r4, log, sp));
     ASSERT_TRUE(imap.renameMailbox("old name", "new/name", r5, log, sp));
     EXPECT_STREQ(r5.getCommand(), "RENAME");
-    StringBuffer last;
-    imap.getLastCommand(last);
-    EXPECT_STREQ(last.getString(), "aaaf RENAME \"old name\" \"new/name\"");
-    EXPECT_TRUE(server.finish()) << server.report();
+    EXPECT_EQ(lastCommand(), "aaaf RENAME \"old name\" \"new/name\"");
 }
 
 TEST_F(Mailbox, SelectExamineAndTheirSessionState) {
@@ -94,7 +74,6 @@ TEST_F(Mailbox, SelectExamineAndTheirSessionState) {
     ASSERT_TRUE(imap.selectMailbox("Empty", false, r4, got, log, sp));
     EXPECT_FALSE(imap.m_selectedReadOnly);
     EXPECT_EQ(imap.get_NumEmailsInMailbox(), 0u);
-    EXPECT_TRUE(server.finish()) << server.report();
 }
 
 TEST_F(Mailbox, StatusAndListLines) {
@@ -117,7 +96,6 @@ TEST_F(Mailbox, StatusAndListLines) {
     ASSERT_TRUE(imap.listImapMailboxes(false, nullptr, "", l2, log, sp));
     ASSERT_TRUE(imap.listImapMailboxes(true, "Archive", "*", l3, log, sp));
     EXPECT_STREQ(l3.getCommand(), "LSUB");
-    EXPECT_TRUE(server.finish()) << server.report();
 }
 
 TEST(IdleXml, ElementGrammar) {
@@ -169,7 +147,6 @@ TEST_F(Mailbox, IdleCheckCollectsInArrivalOrderAndEndsByTimeout) {
     EXPECT_STREQ(xml.getUtf8(), "<idle></idle>");
     ImapResultSet done;
     ASSERT_TRUE(imap.cmdNoArgs("DONE", done, log, sp));
-    EXPECT_TRUE(server.finish()) << server.report();
 }
 
 TEST_F(Mailbox, IdleCheckOnALostConnectionStillClosesTheDocument) {

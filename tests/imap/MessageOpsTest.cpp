@@ -1,47 +1,16 @@
 // Flag stores, COPY/MOVE, SEARCH/SORT/THREAD, APPEND and the small FETCH
 // commands against a scripted server.
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <string>
 
-#include "ScriptedServer.h"
-#include "zrimap/auth/Settings.h"
-#include "zrimap/engine.h"
+#include "EngineTest.h"
 
 using namespace zr;
-using zr::test::ScriptedServer;
+using namespace zr::test;
 
 namespace {
 
-struct AbortSwitch : ProgressEvent {
-    bool abortNow = false;
-    void onProgressInfo(const char*, const char*) override {}
-    bool onAbortCheck() override { return abortNow; }
-};
-
-class MessageOps : public ::testing::Test {
-protected:
-    ScriptedServer server;
-    _zrImap imap;
-    MemoryLog log;
-    _clsTls tls;
-    AbortSwitch events;
-    ProgressMonitor pm{&events};
-    SocketParams sp{&pm};
-
-    void SetUp() override { server.send("* OK\r\n"); }
-    void start() {
-        server.start();
-        StringBuffer greeting;
-        ASSERT_TRUE(imap.connectToImapServer(StringBuffer("127.0.0.1"), server.port(), greeting, tls, sp, log));
-    }
-    std::string last() {
-        StringBuffer sb;
-        imap.getLastCommand(sb);
-        return sb.getString();
-    }
-};
+class MessageOps : public GreetedEngineTest {};
 
 }  // namespace
 
@@ -64,13 +33,12 @@ TEST_F(MessageOps, FlagNamesAreNormalisedAndSetsSentAsGiven) {
     EXPECT_TRUE(imap.setFlagForMsgSet(" 1:5", false, true, "Flagged", rs[5], log, sp));
     EXPECT_TRUE(imap.setFlag_u(0, true, true, "Draft", rs[6], log, sp));
     EXPECT_STREQ(rs[6].getCommand(), "STORE");
-    EXPECT_EQ(last(), "aaah UID STORE 0 +FLAGS.SILENT (\\Draft)");
+    EXPECT_EQ(lastCommand(), "aaah UID STORE 0 +FLAGS.SILENT (\\Draft)");
     // Refused before anything is sent.
     EXPECT_FALSE(imap.setFlagForMsgSet("1", false, true, nullptr, rs[7], log, sp));
     EXPECT_TRUE(log.hasError("NULL flag name"));
     EXPECT_FALSE(imap.setFlagForMsgSet("  ", false, true, "Seen", rs[8], log, sp));
     EXPECT_TRUE(log.hasError("Empty message set"));
-    EXPECT_TRUE(server.finish()) << server.report();
 }
 
 TEST_F(MessageOps, RawFlagListsAndDeleteShortcuts) {
@@ -84,7 +52,7 @@ TEST_F(MessageOps, RawFlagListsAndDeleteShortcuts) {
     EXPECT_TRUE(imap.storeFlags_u(42, true, false, "\\Seen $Label1", a, log, sp));
     EXPECT_TRUE(imap.setDeleteFlag_u(3, b, log, sp));
     EXPECT_EQ(b.getNumLines(), 2);  // the non-silent form brings the FETCH back
-    EXPECT_EQ(last(), "aaac STORE 3 +FLAGS (\\Deleted)");
+    EXPECT_EQ(lastCommand(), "aaac STORE 3 +FLAGS (\\Deleted)");
     events.abortNow = true;
     EXPECT_FALSE(imap.uidSetDeleteFlag_u(99, c, log, sp));
     EXPECT_TRUE(log.hasInfo("IMAP set delete flag aborted by application"));
@@ -93,7 +61,6 @@ TEST_F(MessageOps, RawFlagListsAndDeleteShortcuts) {
     StringBuffer line;
     ASSERT_TRUE(imap.getServerResponseLine2(line, log, fresh));
     EXPECT_STREQ(line.getString(), "aaad OK left unread\r\n");
-    EXPECT_TRUE(server.finish()) << server.report();
 }
 
 TEST_F(MessageOps, CopyAndMove) {
@@ -108,7 +75,6 @@ TEST_F(MessageOps, CopyAndMove) {
     EXPECT_TRUE(imap.moveMessages("1:3", true, "Old Stuff", c, log, sp));
     EXPECT_STREQ(c.getCommand(), "MOVE");
     EXPECT_FALSE(c.isOK(true, log));
-    EXPECT_TRUE(server.finish()) << server.report();
 }
 
 TEST_F(MessageOps, SearchSortThreadLines) {
@@ -123,7 +89,9 @@ TEST_F(MessageOps, SearchSortThreadLines) {
     EXPECT_TRUE(imap.searchOrSortImap(true, "SEARCH", " utf-8 ", nullptr, "FROM x", r[0], log, sp));
     EXPECT_TRUE(imap.searchOrSortImap(false, "SEARCH", "  ", "ignored", "ALL", r[1], log, sp));
     ASSERT_EQ(r[1].getNumLines(), 2);  // the status rode on the SEARCH line
+    EXPECT_STREQ(r[1].getLine(0), "* SEARCH 1 2");
     EXPECT_STREQ(r[1].getLine(1), "OK SEARCH completed");
+    EXPECT_TRUE(log.hasInfo("Splitting the status from the SEARCH response."));
     EXPECT_TRUE(r[1].isOK(true, log));
     EXPECT_TRUE(imap.searchOrSortImap(false, "SORT", "utf-8", "REVERSE DATE", "ALL", r[2], log, sp));
     EXPECT_TRUE(imap.searchOrSortImap(false, "THREAD", nullptr, "REFERENCES", "ALL", r[3], log, sp));
@@ -131,7 +99,6 @@ TEST_F(MessageOps, SearchSortThreadLines) {
     EXPECT_TRUE(imap.searchOrSortImap(false, "search", nullptr, nullptr, "unseen", r[5], log, sp));
     EXPECT_STREQ(r[5].getCommand(), "search");
     EXPECT_EQ(*log.lastData("Command"), "aaag search unseen");
-    EXPECT_TRUE(server.finish()) << server.report();
 }
 
 TEST_F(MessageOps, SlowSearchExplainsTheTimeout) {
@@ -143,7 +110,6 @@ TEST_F(MessageOps, SlowSearchExplainsTheTimeout) {
     EXPECT_TRUE(sp.timeoutIsFailure);  // restored
     EXPECT_FALSE(log.hasError("Failed to get next response line from IMAP server."));
     EXPECT_TRUE(log.hasError("Try increasing the value of the Imap.ReadTimeout property."));
-    EXPECT_TRUE(server.finish()) << server.report();
 }
 
 TEST_F(MessageOps, AppendRepairsDatesAndSendsTheTrimmedMessage) {
@@ -174,7 +140,7 @@ TEST_F(MessageOps, AppendRepairsDatesAndSendsTheTrimmedMessage) {
     EXPECT_EQ(std::string(sb.getString()), mime);
     imap.getLastIntermediateResponse(sb);
     EXPECT_STREQ(sb.getString(), "+ Ready for literal data\r\n");
-    EXPECT_EQ(last(), "aaab APPEND \"INBOX\" (\\Seen \\Flagged \\Draft) \" 1-Jan-2024 10:00:00 +0000\" {21}");
+    EXPECT_EQ(lastCommand(), "aaab APPEND \"INBOX\" (\\Seen \\Flagged \\Draft) \" 1-Jan-2024 10:00:00 +0000\" {21}");
 
     ASSERT_TRUE(imap.appendMime("Sent", mime.c_str(), "Mon, 1 Jan 2024 10:00:00 +0000 (GMT)", false, false, false,
                                 false, false, c2, r2, log, sp));
@@ -183,7 +149,6 @@ TEST_F(MessageOps, AppendRepairsDatesAndSendsTheTrimmedMessage) {
     EXPECT_FALSE(imap.appendMime("X", mime.c_str(), nullptr, false, true, false, true, false, c4, r4, log, sp));
     EXPECT_TRUE(log.hasError("Check to make sure the session is in the authenticated state.  It may be that the "
                              "login never happened or failed."));
-    EXPECT_TRUE(server.finish()) << server.report();
 }
 
 TEST_F(MessageOps, AppendToACertifiedMailProviderWaitsForANoop) {
@@ -199,7 +164,6 @@ TEST_F(MessageOps, AppendToACertifiedMailProviderWaitsForANoop) {
     EXPECT_TRUE(imap.appendMime("INBOX", "x", "", false, false, false, false, false, lines, rs, log, sp));
     _zrSettings::m_certifiedMailProviderDomain = "";
     EXPECT_STREQ(lines.sbAt(0)->getString(), "aaab NO storage quota\r\n");  // the NOOP's answer decided
-    EXPECT_TRUE(server.finish()) << server.report();
 }
 
 TEST_F(MessageOps, SmallFetches) {
@@ -213,7 +177,7 @@ TEST_F(MessageOps, SmallFetches) {
     ImapResultSet a, b, c, d, e;
     EXPECT_TRUE(imap.fetchFlags_u(7, true, a, log, sp));
     EXPECT_TRUE(imap.fetchAllFlags(b, log, sp));
-    EXPECT_EQ(last(), "aaac UID FETCH 1:* (FLAGS)");
+    EXPECT_EQ(lastCommand(), "aaac UID FETCH 1:* (FLAGS)");
     EXPECT_TRUE(imap.fetchMultipleSummaries("2:4", false, "(UID RFC822.SIZE)", c, log, sp));
     ASSERT_EQ(c.getNumLines(), 2);  // the literal stays with its line
     EXPECT_STREQ(c.getLine(0), "* 2 FETCH (UID 9 BODY[HEADER.FIELDS (SUBJECT)] {10}\r\nSubject: x)\r\n");
@@ -221,5 +185,4 @@ TEST_F(MessageOps, SmallFetches) {
     events.abortNow = true;
     EXPECT_FALSE(imap.fetchFlags_u(5, false, e, log, sp));
     EXPECT_TRUE(log.hasInfo("IMAP fetch flags aborted by application"));
-    EXPECT_TRUE(server.finish()) << server.report();
 }

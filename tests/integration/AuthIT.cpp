@@ -2,20 +2,14 @@
 // and a wrong password.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
+#include <vector>
 
-#include "zrimap/auth/Settings.h"
-#include "zrimap/engine.h"
+#include "ItSession.h"
 
 using namespace zr;
 
 namespace {
-
-std::string env(const char* name) {
-    const char* v = std::getenv(name);
-    return v ? v : "";
-}
 
 class DovecotAuth : public ::testing::Test {
 protected:
@@ -25,15 +19,19 @@ protected:
     SocketParams sp{nullptr};
 
     void SetUp() override {
-        if (env("ZRIMAP_IMAP_PORT").empty()) GTEST_FAIL() << "ZRIMAP_IMAP_PORT is not set: run this test through ctest";
+        it::failWithoutFixture();
         imap.m_keepSessionLog = true;
         imap.put_ReadTimeout(15);
+    }
+    void TearDown() override { disconnect(); }
+    void connect() {
+        disconnect();
         StringBuffer greeting;
-        ASSERT_TRUE(imap.connectToImapServer(StringBuffer("127.0.0.1"), std::atoi(env("ZRIMAP_IMAP_PORT").c_str()),
-                                             greeting, tls, sp, log))
+        ASSERT_TRUE(imap.connectToImapServer(StringBuffer("127.0.0.1"), it::envPort("ZRIMAP_IMAP_PORT"), greeting, tls,
+                                             sp, log))
             << log.toText();
     }
-    void TearDown() override {
+    void disconnect() {
         StringBuffer bye;
         if (imap.m_socket) imap.logout(bye, sp, log);
         imap.imapDisconnect(log, sp);
@@ -43,151 +41,99 @@ protected:
         ImapResultSet rs;
         return imap.sendRawCommand("EXAMINE INBOX", rs, log, sp) && rs.isOK(true, log);
     }
-    void expectNotInSessionLog(const std::string& secret) {
-        EXPECT_EQ(std::string(imap.m_sessionLog.getString()).find(secret), std::string::npos);
-        EXPECT_EQ(log.toText().find(secret), std::string::npos);
-    }
 };
+
+enum class Mech { Login, Plain, CramMd5, DigestMd5, Ntlm, NtlmV1, Xoauth2 };
+
+// What a login came to: "OK", "NO" (the server's refusal, read to its end) or "failed".
+std::string verdict(bool completed, const ImapResultSet& rs, MemoryLog& log) {
+    if (!completed) return "failed";
+    if (rs.isOK(true, log)) return "OK";
+    return std::string(rs.getLine(rs.getNumLines() - 1)).find(" NO ") != std::string::npos ? "NO" : "other";
+}
+std::string verdict(bool ok, const StringBuffer& final) {
+    return ok ? "OK" : final.containsSubstring(" NO ") ? "NO" : "failed";
+}
+
+std::string logIn(_zrImap& imap, Mech mech, XString& user, SecurePassword& pw, MemoryLog& log, SocketParams& sp) {
+    XString none, domain("");
+    ImapResultSet rs;
+    StringBuffer final;
+    switch (mech) {
+        case Mech::Login: return verdict(imap.loginImap(user, pw, rs, log, sp), rs, log);
+        case Mech::Plain: return verdict(imap.authenticatePlain(none, user, pw, rs, log, sp), rs, log);
+        case Mech::CramMd5: return verdict(imap.authenticateCramMd5(user, pw, final, log, sp), final);
+        case Mech::DigestMd5: return imap.authenticateDigestMd5(user, pw, final, log, sp) ? "OK" : "failed";
+        case Mech::Ntlm: return verdict(imap.authenticateNTLM(user, pw, domain, final, log, sp), final);
+        case Mech::NtlmV1: {
+            const int before = _zrSettings::m_defaultNtlmVersion;
+            _zrSettings::m_defaultNtlmVersion = 1;
+            const bool ok = imap.authenticateNTLM(user, pw, domain, final, log, sp);
+            _zrSettings::m_defaultNtlmVersion = before;
+            return verdict(ok, final);
+        }
+        case Mech::Xoauth2: return verdict(imap.xoauth2Imap(user, pw, rs, log, sp), rs, log);
+    }
+    return "unknown";
+}
 
 }  // namespace
 
 TEST_F(DovecotAuth, CapabilityThenLoginAndLogout) {
+    connect();
     StringBuffer caps;
     ASSERT_TRUE(imap.capability(caps, log, sp));
     EXPECT_TRUE(caps.containsSubstring("IMAP4rev1"));
     XString login("alice");
     SecurePassword pw("alice-pw");
-    ImapResultSet rs;
-    ASSERT_TRUE(imap.loginImap(login, pw, rs, log, sp));
-    EXPECT_TRUE(rs.isOK(true, log)) << log.toText();
-    EXPECT_TRUE(selectWorks());
-    expectNotInSessionLog("alice-pw");
+    EXPECT_EQ(logIn(imap, Mech::Login, login, pw, log, sp), "OK") << log.toText();
     StringBuffer bye;
     ASSERT_TRUE(imap.logout(bye, sp, log));
     EXPECT_TRUE(bye.beginsWith("* BYE"));
 }
 
-TEST_F(DovecotAuth, LoginWrongPasswordIsAnOkExchangeWithNo) {
-    XString login("alice");
-    SecurePassword pw("wrong");
-    ImapResultSet rs;
-    ASSERT_TRUE(imap.loginImap(login, pw, rs, log, sp));
-    EXPECT_FALSE(rs.isOK(true, log));
-    EXPECT_NE(std::string(rs.getLine(rs.getNumLines() - 1)).find(" NO "), std::string::npos);
-}
-
-TEST_F(DovecotAuth, PlainWithUtf8PasswordAndAwkwardCharacters) {
-    XString none, dave("dave");
-    SecurePassword pw("d\xC3\xA4v\xC3\xA9-pw");
-    ImapResultSet rs;
-    ASSERT_TRUE(imap.authenticatePlain(none, dave, pw, rs, log, sp));
-    EXPECT_TRUE(rs.isOK(true, log)) << log.toText();
-    EXPECT_TRUE(selectWorks());
-}
-
-TEST_F(DovecotAuth, PlainQuotesAndBackslashes) {
-    XString none, carol("carol");
-    SecurePassword pw("sp ace\"quo\\te");
-    ImapResultSet rs;
-    ASSERT_TRUE(imap.authenticatePlain(none, carol, pw, rs, log, sp));
-    EXPECT_TRUE(rs.isOK(true, log)) << log.toText();
-}
-
-TEST_F(DovecotAuth, PlainWrongPassword) {
-    XString none, login("alice");
-    SecurePassword pw("nope");
-    ImapResultSet rs;
-    ASSERT_TRUE(imap.authenticatePlain(none, login, pw, rs, log, sp));
-    EXPECT_FALSE(rs.isOK(true, log));
-}
-
-TEST_F(DovecotAuth, CramMd5) {
-    XString login("alice");
-    SecurePassword good("alice-pw");
-    StringBuffer final1;
-    EXPECT_TRUE(imap.authenticateCramMd5(login, good, final1, log, sp)) << log.toText();
-    EXPECT_TRUE(selectWorks());
-}
-
-TEST_F(DovecotAuth, CramMd5WrongPasswordIsFalse) {
-    XString login("alice");
-    SecurePassword bad("nope");
-    StringBuffer final1;
-    EXPECT_FALSE(imap.authenticateCramMd5(login, bad, final1, log, sp));
-    EXPECT_TRUE(final1.containsSubstring(" NO "));
-}
-
-TEST_F(DovecotAuth, DigestMd5) {
-    XString login("alice");
-    SecurePassword good("alice-pw");
-    StringBuffer response;
-    EXPECT_TRUE(imap.authenticateDigestMd5(login, good, response, log, sp)) << log.toText();
-    EXPECT_TRUE(selectWorks());
-}
-
-TEST_F(DovecotAuth, DigestMd5WrongPasswordIsFalse) {
-    XString login("alice");
-    SecurePassword bad("nope");
-    StringBuffer response;
-    EXPECT_FALSE(imap.authenticateDigestMd5(login, bad, response, log, sp));
-}
-
-TEST_F(DovecotAuth, NtlmVersionTwoAndOne) {
-    XString login("dave"), domain("");
-    SecurePassword pw("d\xC3\xA4v\xC3\xA9-pw");
-    StringBuffer final1;
-    EXPECT_TRUE(imap.authenticateNTLM(login, pw, domain, final1, log, sp)) << log.toText();
-    EXPECT_TRUE(selectWorks());
-
-    _zrImap second;
-    StringBuffer greeting;
-    ASSERT_TRUE(second.connectToImapServer(StringBuffer("127.0.0.1"), std::atoi(env("ZRIMAP_IMAP_PORT").c_str()),
-                                           greeting, tls, sp, log));
-    _zrSettings::m_defaultNtlmVersion = 1;
-    XString alice("alice");
-    SecurePassword pw2("alice-pw");
-    StringBuffer final2;
-    const bool v1 = second.authenticateNTLM(alice, pw2, domain, final2, log, sp);
-    _zrSettings::m_defaultNtlmVersion = 2;
-    EXPECT_TRUE(v1) << log.toText();
-    second.imapDisconnect(log, sp);
-}
-
-TEST_F(DovecotAuth, NtlmWrongPasswordIsFalse) {
-    XString login("alice"), domain("");
-    SecurePassword bad("nope");
-    StringBuffer final1;
-    EXPECT_FALSE(imap.authenticateNTLM(login, bad, domain, final1, log, sp));
-    EXPECT_TRUE(final1.containsSubstring(" NO "));
-}
-
-TEST_F(DovecotAuth, Xoauth2WithAReadyToken) {
-    XString login("alice");
-    SecurePassword token("alice-oauth2-token");
-    ImapResultSet rs;
-    ASSERT_TRUE(imap.xoauth2Imap(login, token, rs, log, sp));
-    EXPECT_TRUE(rs.isOK(true, log)) << log.toText();
-    EXPECT_TRUE(selectWorks());
-    expectNotInSessionLog("alice-oauth2-token");
-}
-
-TEST_F(DovecotAuth, Xoauth2RevokedTokenGetsTheErrorChallengeAndNo) {
-    XString login("alice");
-    SecurePassword token("revoked-oauth2-token");
-    ImapResultSet rs;
-    ASSERT_TRUE(imap.xoauth2Imap(login, token, rs, log, sp));
-    EXPECT_FALSE(rs.isOK(true, log));
-}
-
-TEST_F(DovecotAuth, Xoauth2ByClientCredentials) {
-    const std::string json = std::string("{\"token_endpoint\": \"http://127.0.0.1:") + env("ZRIMAP_OAUTH_PORT") +
-                             "/token\", \"client_id\": \"imaptest-client\", \"client_secret\": \"imaptest-secret\"}";
-    XString login("alice");
-    SecurePassword token(json.c_str());
-    ImapResultSet rs;
-    ASSERT_TRUE(imap.xoauth2Imap(login, token, rs, log, sp)) << log.toText();
-    EXPECT_TRUE(rs.isOK(true, log)) << log.toText();
-    EXPECT_TRUE(selectWorks());
-    expectNotInSessionLog("imaptest-secret");
-    expectNotInSessionLog("alice-oauth2-token");
+TEST_F(DovecotAuth, EveryMechanismWithTheRightAndAWrongSecret) {
+    const std::string clientCredentials = "{\"token_endpoint\": \"http://127.0.0.1:" + it::env("ZRIMAP_OAUTH_PORT") +
+                                          "/token\", \"client_id\": \"imaptest-client\", "
+                                          "\"client_secret\": \"imaptest-secret\"}";
+    struct Case {
+        const char* name;
+        Mech mechanism;
+        const char* user;
+        std::string secret;
+        const char* wrong;         // null: no refusal tried
+        const char* wrongVerdict;  // how the engine reports the refusal
+        std::vector<std::string> neverLogged;
+    } cases[] = {
+        {"LOGIN", Mech::Login, "alice", "alice-pw", "wrong", "NO", {"alice-pw"}},
+        {"PLAIN, UTF-8 password", Mech::Plain, "dave", "d\xC3\xA4v\xC3\xA9-pw", "nope", "NO", {}},
+        {"PLAIN, quotes and backslashes", Mech::Plain, "carol", "sp ace\"quo\\te", nullptr, nullptr, {}},
+        {"CRAM-MD5", Mech::CramMd5, "alice", "alice-pw", "nope", "NO", {}},
+        {"DIGEST-MD5", Mech::DigestMd5, "alice", "alice-pw", "nope", "failed", {}},
+        {"NTLMv2, UTF-8 password", Mech::Ntlm, "dave", "d\xC3\xA4v\xC3\xA9-pw", "nope", "NO", {}},
+        {"NTLMv1", Mech::NtlmV1, "alice", "alice-pw", nullptr, nullptr, {}},
+        // A revoked token gets the error challenge, then NO.
+        {"XOAUTH2 token", Mech::Xoauth2, "alice", "alice-oauth2-token", "revoked-oauth2-token", "NO",
+         {"alice-oauth2-token"}},
+        {"XOAUTH2 by client credentials", Mech::Xoauth2, "alice", clientCredentials, nullptr, nullptr,
+         {"imaptest-secret", "alice-oauth2-token"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto attempt = [&](const char* secret) {  // on a new connection, with new credentials
+            connect();
+            XString user(c.user);
+            SecurePassword pw(secret);
+            return logIn(imap, c.mechanism, user, pw, log, sp);
+        };
+        if (c.wrong) {
+            EXPECT_EQ(attempt(c.wrong), c.wrongVerdict) << log.toText();
+        }
+        ASSERT_EQ(attempt(c.secret.c_str()), "OK") << log.toText();
+        EXPECT_TRUE(selectWorks());
+        for (const std::string& s : c.neverLogged) {
+            EXPECT_EQ(std::string(imap.m_sessionLog.getString()).find(s), std::string::npos) << s;
+            EXPECT_EQ(log.toText().find(s), std::string::npos) << s;
+        }
+    }
 }

@@ -1,5 +1,12 @@
-// A logged-in session against the test Dovecot, for the integration tests.
+// The test servers' settings and a logged-in session against the test
+// Dovecot, for the integration tests.
 #pragma once
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <string>
@@ -14,6 +21,40 @@ inline std::string env(const char* name) {
     const char* v = std::getenv(name);
     return v ? v : "";
 }
+inline int envPort(const char* name) { return std::atoi(env(name).c_str()); }
+
+// Whether an error entry of the log contains `part`.
+inline bool hasErrorPart(const MemoryLog& log, const std::string& part) {
+    for (const std::string& e : log.errors())
+        if (e.find(part) != std::string::npos) return true;
+    return false;
+}
+
+inline sockaddr_in loopback(int port = 0) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return a;
+}
+
+inline bool connectLoopback(int fd, int port) {
+    const sockaddr_in a = loopback(port);
+    return ::connect(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0;
+}
+
+// A loopback port nothing listens on: bound by the kernel's choice, then closed.
+inline int closedPort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a = loopback();
+    socklen_t len = sizeof a;
+    int port = 0;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
+        port = ntohs(a.sin_port);
+    ::close(fd);
+    return port;
+}
 
 struct Session {
     _zrImap imap;
@@ -25,8 +66,7 @@ struct Session {
     bool open(const char* user = "bob", const char* password = "bob-pw") {
         imap.put_ReadTimeout(30);
         StringBuffer greeting;
-        if (!imap.connectToImapServer(StringBuffer("127.0.0.1"), std::atoi(env("ZRIMAP_IMAP_PORT").c_str()), greeting,
-                                      tls, sp, log))
+        if (!imap.connectToImapServer(StringBuffer("127.0.0.1"), envPort("ZRIMAP_IMAP_PORT"), greeting, tls, sp, log))
             return false;
         XString login(user);
         SecurePassword pw(password);

@@ -1,5 +1,6 @@
 // Flag stores, COPY/MOVE, SEARCH/SORT/THREAD, APPEND and structure summaries
-// against a real Dovecot, in bob's account.
+// against a real Dovecot, in bob's account. The exact commands are pinned by
+// tests/imap/MessageOpsTest and FetchTest; here the server's answers count.
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -74,10 +75,6 @@ TEST_F(DovecotMessages, FlagsSetClearedAndReadBack) {
     EXPECT_EQ(all.getNumLines(), 4);
     const std::string allText = Session::text(all);
     EXPECT_NE(allText.find("UID 2 FLAGS (\\Deleted"), std::string::npos) << allText;
-
-    ASSERT_TRUE(s.freshMailbox("zr empty"));
-    ImapResultSet none;
-    EXPECT_TRUE(s.imap.fetchAllFlags(none, s.log, s.sp));  // "1:*" of nothing still completes
 }
 
 TEST_F(DovecotMessages, CopyAndMoveBetweenMailboxes) {
@@ -109,13 +106,7 @@ TEST_F(DovecotMessages, SearchSortAndThread) {
     ImapResultSet sorted;
     ASSERT_TRUE(s.ok(s.imap.searchOrSortImap(true, "SORT", "utf-8", "SUBJECT", "ALL", sorted, s.log, s.sp), sorted));
     EXPECT_STREQ(sorted.getLine(0), "* SORT 2 1 3\r\n");
-    // Without a charset the engine joins "UTF-8 " to the criteria as it always
-    // has; whatever the server makes of it, the exchange completes.
-    ImapResultSet joined, thread;
-    EXPECT_TRUE(s.imap.searchOrSortImap(false, "SORT", nullptr, "DATE", "ALL", joined, s.log, s.sp));
-    StringBuffer last;
-    s.imap.getLastCommand(last);
-    EXPECT_TRUE(last.endsWith(" SORT (DATE)UTF-8 ALL")) << last.getString();
+    ImapResultSet thread;
     EXPECT_TRUE(s.imap.searchOrSortImap(true, "THREAD", "UTF-8", "REFERENCES", "ALL", thread, s.log, s.sp));
     EXPECT_TRUE(thread.isOK(true, s.log)) << Session::text(thread);
     EXPECT_EQ(std::string(thread.getLine(0)).rfind("* THREAD ", 0), 0u);
@@ -133,14 +124,14 @@ TEST_F(DovecotMessages, AppendWithEveryFlagCombinationAndDateForm) {
         for (int bit = 0; bit < 5; ++bit)
             EXPECT_EQ(got.find(names[bit]) != std::string::npos, (mask & (1 << bit)) != 0) << mask << got;
     }
+    // Dates the engine repairs or leaves out are pinned on the wire by MessageOps.AppendRepairsDates.
     struct DateCase {
         const char* given;
         const char* internalDate;  // what the server then reports; null: refused
     } cases[] = {{"1-Jan-2024 10:00:00 GMT", "01-Jan-2024 10:00:00 +0000"},
                  {"17-Jul-1996 02:44:25 -0700", "17-Jul-1996 09:44:25 +0000"},  // stored as an instant
                  {"2-Feb-2020 08:30:00 UTC", "02-Feb-2020 08:30:00 +0000"},
-                 {"5-May-2021 12:00:00 +0000 (BST)", nullptr},  // becomes "... +0000 +0100"
-                 {"1-Jan-24", "<no date>"}};
+                 {"5-May-2021 12:00:00 +0000 (BST)", nullptr}};  // becomes "... +0000 +0100"
     unsigned uid = 33;
     for (const DateCase& c : cases) {
         ExtPtrArraySb lines;
@@ -154,9 +145,7 @@ TEST_F(DovecotMessages, AppendWithEveryFlagCombinationAndDateForm) {
         ASSERT_TRUE(done) << c.given << s.log.toText();
         ImapResultSet f;
         ASSERT_TRUE(s.ok(s.imap.fetchSummary_u(uid++, true, "(INTERNALDATE)", f, s.log, s.sp), f));
-        if (std::string(c.internalDate) != "<no date>") {
-            EXPECT_NE(Session::text(f).find(c.internalDate), std::string::npos) << c.given << Session::text(f);
-        }
+        EXPECT_NE(Session::text(f).find(c.internalDate), std::string::npos) << c.given << Session::text(f);
     }
 }
 
@@ -200,8 +189,4 @@ TEST_F(DovecotMessages, StructureSummariesPartByPart) {
     StringBuffer best("2");
     ASSERT_TRUE(sum[4].findBestMsgPart(best));
     EXPECT_STREQ(best.getString(), "2.1");
-
-    ImapMsgSummary none;
-    EXPECT_FALSE(s.imap.fetchMsgSummary_u(0, false, "(UID BODYSTRUCTURE)", none, s.sp, s.log));
-    EXPECT_TRUE(s.log.hasError("Invalid sequence number.  IMAP sequence numbers begin at 1 (not 0)."));
 }

@@ -1,67 +1,29 @@
 // IMAP through an SSH tunnel: the test sshd forwards direct-tcpip channels
-// to the test Dovecot. Covers password and key logins, the host key check,
-// whole sessions (a multi-megabyte literal each way, TLS and STARTTLS) in a
-// channel, channels following one another in one tunnel, sharing a tunnel,
-// and the failures: wrong credentials, unusable keys, no server, forwarding
-// refused, time-out and abort over the channel, and the SSH connection
-// dying in the middle of a fetch.
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
+// to the test Dovecot. Logins, the host key check, whole sessions in a
+// channel, and the failures an SSH server or a dying connection can cause.
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <thread>
 
-#include "zrimap/auth/Settings.h"
-#include "zrimap/engine.h"
+#include "ItSession.h"
 
 using namespace zr;
+using zr::it::envPort;
+using zr::it::hasErrorPart;
 
 namespace {
 
-int envPort(const char* name) {
-    const char* v = std::getenv(name);
-    return v ? std::atoi(v) : 0;
-}
-
-std::string envText(const char* name) {
-    const char* v = std::getenv(name);
-    return v ? v : "";
-}
-
-// A loopback port nothing listens on (bound, then closed).
-int closedPort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    int port = 0;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
-        port = ntohs(a.sin_port);
-    ::close(fd);
-    return port;
-}
-
-std::string sshdFile(const char* name) { return envText("ZRIMAP_SSHD_DIR") + "/" + name; }
-
-bool hasError(const MemoryLog& log, const std::string& part) {
-    for (const std::string& e : log.errors())
-        if (e.find(part) != std::string::npos) return true;
-    return false;
-}
+std::string sshdFile(const std::string& name) { return it::env("ZRIMAP_SSHD_DIR") + "/" + name; }
 
 // stdout of a shell command.
 std::string run(const std::string& cmd) {
@@ -92,9 +54,7 @@ class CutProxy {
 public:
     CutProxy(int targetPort, size_t cutAfter) : m_cutAfter(cutAfter) {
         m_listen = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in a = it::loopback();
         socklen_t len = sizeof a;
         if (::bind(m_listen, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(m_listen, 1) != 0 ||
             ::getsockname(m_listen, reinterpret_cast<sockaddr*>(&a), &len) != 0)
@@ -118,11 +78,7 @@ private:
         if (m_stop) return;
         const int client = ::accept(m_listen, nullptr, nullptr);
         const int server = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(static_cast<uint16_t>(targetPort));
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (client < 0 || ::connect(server, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+        if (client < 0 || !it::connectLoopback(server, targetPort)) {
             ::close(client);
             ::close(server);
             return;
@@ -165,16 +121,13 @@ private:
 class KbdInteractiveSshd {
 public:
     KbdInteractiveSshd() {
-        m_port = closedPort();
+        m_port = it::closedPort();
         const std::string cfg = m_dir.path + "/sshd_config";
-        FILE* f = std::fopen(cfg.c_str(), "w");
-        if (!f) return;
-        std::fprintf(f,
-                     "Port %d\nListenAddress 127.0.0.1\nHostKey %s\nPidFile %s/sshd.pid\nUsePAM yes\n"
-                     "PasswordAuthentication no\nKbdInteractiveAuthentication yes\nPubkeyAuthentication no\n"
-                     "AllowUsers imaptest\nAllowTcpForwarding local\nPermitOpen 127.0.0.1:*\nStrictModes no\n",
-                     m_port, sshdFile("ssh_host_ed25519_key").c_str(), m_dir.path.c_str());
-        std::fclose(f);
+        std::ofstream(cfg) << "Port " << m_port << "\nListenAddress 127.0.0.1\nHostKey "
+                           << sshdFile("ssh_host_ed25519_key") << "\nPidFile " << m_dir.path << "/sshd.pid\n"
+                           << "UsePAM yes\nPasswordAuthentication no\nKbdInteractiveAuthentication yes\n"
+                           << "PubkeyAuthentication no\nAllowUsers imaptest\nAllowTcpForwarding local\n"
+                           << "PermitOpen 127.0.0.1:*\nStrictModes no\n";
         const std::string logPath = m_dir.path + "/sshd.log";  // no allocation after fork()
         m_pid = fork();
         if (m_pid == 0) {
@@ -187,11 +140,7 @@ public:
         // Ready once it accepts.
         for (int i = 0; i < 100 && !m_ready; ++i) {
             const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            sockaddr_in a{};
-            a.sin_family = AF_INET;
-            a.sin_port = htons(static_cast<uint16_t>(m_port));
-            a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            m_ready = ::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+            m_ready = it::connectLoopback(fd, m_port);
             ::close(fd);
             if (!m_ready) std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
@@ -301,6 +250,8 @@ struct AbortAtOnce : ProgressEvent {
 
 }  // namespace
 
+// Plain, implicit TLS and STARTTLS sessions in turn through one tunnel:
+// ending a session closes its channel, never the tunnel.
 TEST_F(SshTunnel, SessionsFollowOneAnotherInOneTunnel) {
     ASSERT_TRUE(openTunnel()) << log.toText();
     ASSERT_TRUE(sock() && sock()->isSsh());
@@ -315,37 +266,10 @@ TEST_F(SshTunnel, SessionsFollowOneAnotherInOneTunnel) {
     ASSERT_NE(sock(), nullptr) << "the tunnel must survive the end of the IMAP session";
     EXPECT_TRUE(sock()->isSsh());
     EXPECT_FALSE(sock()->isSshChannelOpen());
-    EXPECT_FALSE(hasError(log, "Lost SSH tunnel")) << log.toText();
+    EXPECT_FALSE(hasErrorPart(log, "Lost SSH tunnel")) << log.toText();
 
-    // The second session needs no new SSH login.
-    ASSERT_TRUE(connectImap()) << log.toText();
-    ImapResultSet noop;
-    ASSERT_TRUE(imap.cmdNoArgs("NOOP", noop, log, sp));
-    EXPECT_TRUE(noop.isOK(true, log));
-
-    EXPECT_TRUE(imap.sshCloseTunnel(sp, log));
-    EXPECT_FALSE(sock()->isSsh());
-    EXPECT_FALSE(imap.isImapConnected(log));
-}
-
-TEST_F(SshTunnel, MegabytesCrossTheChannelByteForByte) {
-    openAndLogIn();
-    std::string message;
-    const unsigned uid = appendLarge(3 * 1024 * 1024 + 17, message);
-    ASSERT_NE(uid, 0u) << log.toText();
-    DataBuffer body;
-    ASSERT_TRUE(fetchBody(uid, body)) << log.toText();
-    ASSERT_EQ(body.getSize(), message.size());
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(body.getData2()), body.getSize()), message);
-    // The rest of the response is intact behind the literal.
-    StringBuffer tail;
-    ASSERT_TRUE(imap.getServerResponseLine2(tail, log, sp));
-    EXPECT_TRUE(tail.beginsWith(")")) << tail.getString();
-}
-
-TEST_F(SshTunnel, ImplicitTlsAndStartTlsRunInsideTheChannel) {
-    ASSERT_TRUE(openTunnel() && authPw()) << log.toText();
-    tls.m_caFile.setString(envText("ZRIMAP_CA_FILE").c_str());
+    // The next sessions need no new SSH login.
+    tls.m_caFile.setString(it::env("ZRIMAP_CA_FILE").c_str());
     tls.m_requireVerifiedServer = true;
     imap.setSsl(true);
     ASSERT_TRUE(connectImap("127.0.0.1", envPort("ZRIMAP_IMAPS_PORT"))) << log.toText();
@@ -362,33 +286,64 @@ TEST_F(SshTunnel, ImplicitTlsAndStartTlsRunInsideTheChannel) {
     ImapResultSet caps;
     ASSERT_TRUE(raw("CAPABILITY", caps));
     EXPECT_EQ(std::string(caps.getLine(0)).find("STARTTLS"), std::string::npos);
+
+    EXPECT_TRUE(imap.sshCloseTunnel(sp, log));
+    EXPECT_FALSE(sock()->isSsh());
+    EXPECT_FALSE(imap.isImapConnected(log));
 }
 
+// A multi-megabyte literal each way, byte for byte; then the same fetch
+// through a relay that cuts the SSH connection in the middle of it.
+TEST_F(SshTunnel, MegabytesCrossTheChannelAndALostConnectionIsRecoverable) {
+    openAndLogIn();
+    std::string message;
+    const unsigned uid = appendLarge(3 * 1024 * 1024 + 17, message);
+    ASSERT_NE(uid, 0u) << log.toText();
+    DataBuffer body;
+    ASSERT_TRUE(fetchBody(uid, body)) << log.toText();
+    ASSERT_EQ(body.getSize(), message.size());
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(body.getData2()), body.getSize()), message);
+    StringBuffer tail;  // the rest of the response is intact behind the literal
+    ASSERT_TRUE(imap.getServerResponseLine2(tail, log, sp));
+    EXPECT_TRUE(tail.beginsWith(")")) << tail.getString();
+    imap.imapDisconnect(log, sp);
+    imap.sshCloseTunnel(sp, log);
+
+    CutProxy proxy(sshPort, 1024 * 1024);
+    ASSERT_NE(proxy.port(), 0);
+    ASSERT_TRUE(openTunnel(proxy.port()) && authPw()) << log.toText();
+    ASSERT_TRUE(connectImap()) << log.toText();
+    loginBob();
+    log.clear();
+    EXPECT_FALSE(fetchBody(uid, body));
+    EXPECT_TRUE(proxy.wasCut());
+    EXPECT_TRUE(sp.m_connLost) << log.toText();
+    EXPECT_TRUE(hasErrorPart(log, "SSH connection lost")) << log.toText();
+
+    imap.imapDisconnect(log, sp);
+    EXPECT_TRUE(hasErrorPart(log, "Lost SSH tunnel when closing the channel.")) << log.toText();
+    EXPECT_EQ(sock(), nullptr);
+
+    // A new tunnel straight to sshd works on the same engine.
+    openAndLogIn();
+    DataBuffer again;
+    ASSERT_TRUE(fetchBody(uid, again)) << log.toText();
+    EXPECT_EQ(again.getSize(), message.size());
+}
+
+// Encrypted key files load to the very same keys (SshTest's OpenSshKeys), so
+// the plain files stand for them here.
 TEST_F(SshTunnel, EveryClientKeyLogsIn) {
-    TempDir dir;
-    ASSERT_FALSE(dir.path.empty());
-    // Encrypted copies, the way a user protects a key.
-    for (const char* type : {"ed25519", "rsa"}) {
-        const std::string copy = dir.path + "/enc_" + type;
-        run("cp '" + sshdFile((std::string("client_") + type).c_str()) + "' '" + copy +
-            "' && ssh-keygen -q -p -N 's3cret' -P '' -f '" + copy + "' >/dev/null 2>&1");
-    }
     struct Case {
-        std::string file;
-        const char* passphrase;
+        const char* file;
         const char* rsaSigAlg;
-    };
-    const Case cases[] = {{sshdFile("client_ed25519"), nullptr, nullptr},
-                          {sshdFile("client_rsa"), nullptr, nullptr},
-                          {sshdFile("client_rsa"), nullptr, "rsa-sha2-512"},
-                          {dir.path + "/enc_ed25519", "s3cret", nullptr},
-                          {dir.path + "/enc_rsa", "s3cret", nullptr}};
+    } cases[] = {{"client_ed25519", nullptr}, {"client_rsa", nullptr}, {"client_rsa", "rsa-sha2-512"}};
+    XString user("imaptest");
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.file + " " + (c.rsaSigAlg ? c.rsaSigAlg : "default"));
+        SCOPED_TRACE(std::string(c.file) + " " + (c.rsaSigAlg ? c.rsaSigAlg : "default"));
         _zrPublicKey key;
-        ASSERT_TRUE(key.loadFromFile(c.file.c_str(), c.passphrase, log)) << log.toText();
+        ASSERT_TRUE(key.loadFromFile(sshdFile(c.file).c_str(), nullptr, log)) << log.toText();
         ASSERT_TRUE(openTunnel()) << log.toText();
-        XString user("imaptest");
         ASSERT_TRUE(sock()->sshAuthenticatePk(user, c.rsaSigAlg, key, log, sp)) << log.toText();
         ASSERT_TRUE(connectImap()) << log.toText();
         EXPECT_TRUE(greeting.beginsWith("* OK"));
@@ -398,7 +353,6 @@ TEST_F(SshTunnel, EveryClientKeyLogsIn) {
     _zrPublicKey key;
     ASSERT_TRUE(key.loadFromFile(sshdFile("client_rsa").c_str(), nullptr, log));
     ASSERT_TRUE(openTunnel());
-    XString user("imaptest");
     EXPECT_TRUE(imap.sshAuthenticatePk(user, key, log, sp)) << log.toText();
 }
 
@@ -409,7 +363,7 @@ TEST_F(SshTunnel, HostKeyFingerprintIsRecordedAndCanBeRequired) {
     // The file of the host key the server chose, and what ssh-keygen says.
     std::string alg = sock()->getSshTransport()->hostKeyAlgorithm();
     const std::string type = alg == "ssh-ed25519" ? "ed25519" : alg == "ssh-rsa" ? "rsa" : "ecdsa";
-    const std::string keygen = run("ssh-keygen -l -f '" + sshdFile(("ssh_host_" + type + "_key.pub").c_str()) + "'");
+    const std::string keygen = run("ssh-keygen -l -f '" + sshdFile("ssh_host_" + type + "_key.pub") + "'");
     const size_t start = keygen.find("SHA256:");
     ASSERT_NE(start, std::string::npos) << keygen;
     EXPECT_EQ(fp.getString(), keygen.substr(start, keygen.find(' ', start) - start));
@@ -428,7 +382,7 @@ TEST_F(SshTunnel, HostKeyFingerprintIsRecordedAndCanBeRequired) {
     log.clear();
     EXPECT_FALSE(openTunnel());
     EXPECT_TRUE(sp.m_connectFailed);
-    EXPECT_TRUE(hasError(log, std::string("SSH host key fingerprint mismatch: expected "
+    EXPECT_TRUE(hasErrorPart(log, std::string("SSH host key fingerprint mismatch: expected "
                                           "SHA256:AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA, server presented ") +
                                   fp.getString()))
         << log.toText();
@@ -436,12 +390,13 @@ TEST_F(SshTunnel, HostKeyFingerprintIsRecordedAndCanBeRequired) {
     EXPECT_FALSE(authPw());
 }
 
-TEST_F(SshTunnel, WrongCredentialsAreRefusedAndTheTunnelStaysUsable) {
+// Wrong passphrases and public keys given as private ones: SshTest.
+TEST_F(SshTunnel, RefusedCredentialsAndUnusableKeysLeaveTheTunnelUsable) {
     ASSERT_TRUE(openTunnel());
     EXPECT_FALSE(authPw("not-the-password"));
-    EXPECT_TRUE(hasError(log, "SSH password authentication failed for user imaptest")) << log.toText();
+    EXPECT_TRUE(hasErrorPart(log, "SSH password authentication failed for user imaptest")) << log.toText();
     EXPECT_FALSE(connectImap());
-    EXPECT_TRUE(hasError(log, "not authenticated"));
+    EXPECT_TRUE(hasErrorPart(log, "not authenticated"));
 
     // A key the server does not know.
     TempDir dir;
@@ -451,7 +406,7 @@ TEST_F(SshTunnel, WrongCredentialsAreRefusedAndTheTunnelStaysUsable) {
     XString user("imaptest");
     log.clear();
     EXPECT_FALSE(imap.sshAuthenticatePk(user, stranger, log, sp));
-    EXPECT_TRUE(hasError(log, "SSH public-key authentication failed for user imaptest: the server did not accept"))
+    EXPECT_TRUE(hasErrorPart(log, "SSH public-key authentication failed for user imaptest: the server did not accept"))
         << log.toText();
 
     // SHA-1 RSA signatures are off in current OpenSSH.
@@ -459,50 +414,30 @@ TEST_F(SshTunnel, WrongCredentialsAreRefusedAndTheTunnelStaysUsable) {
     ASSERT_TRUE(rsa.loadFromFile(sshdFile("client_rsa").c_str(), nullptr, log));
     EXPECT_FALSE(sock()->sshAuthenticatePk(user, "ssh-rsa", rsa, log, sp));
 
+    // No key file there, or a directory: nothing loads, and nothing is tried.
+    _zrPublicKey none;
+    EXPECT_FALSE(none.loadFromFile((dir.path + "/missing").c_str(), nullptr, log));
+    EXPECT_TRUE(hasErrorPart(log, "Cannot read the private key file")) << log.toText();
+    EXPECT_FALSE(none.loadFromFile(dir.path.c_str(), nullptr, log));
+    EXPECT_FALSE(none.isLoaded());
+    EXPECT_FALSE(imap.sshAuthenticatePk(user, none, log, sp));
+
     // None of it spoiled the connection.
     ASSERT_TRUE(authPw()) << log.toText();
     ASSERT_TRUE(connectImap()) << log.toText();
 }
 
-TEST_F(SshTunnel, UnusableKeyFilesFailToLoad) {
-    TempDir dir;
-    const std::string enc = dir.path + "/enc";
-    run("cp '" + sshdFile("client_ed25519") + "' '" + enc + "' && ssh-keygen -q -p -N right -P '' -f '" + enc +
-        "' >/dev/null 2>&1");
-    _zrPublicKey key;
-    EXPECT_FALSE(key.loadFromFile((dir.path + "/missing").c_str(), nullptr, log));
-    EXPECT_TRUE(hasError(log, "Cannot read the private key file")) << log.toText();
-    EXPECT_FALSE(key.loadFromFile(dir.path.c_str(), nullptr, log));  // a directory
-    EXPECT_FALSE(key.loadFromFile(enc.c_str(), "wrong", log));
-    EXPECT_TRUE(hasError(log, "Wrong passphrase for the private key"));
-    EXPECT_FALSE(key.loadFromFile(sshdFile("client_ed25519.pub").c_str(), nullptr, log));
-    EXPECT_TRUE(hasError(log, "This is a public key"));
-    EXPECT_FALSE(key.isLoaded());
-
-    ASSERT_TRUE(openTunnel());
-    XString user("imaptest");
-    EXPECT_FALSE(imap.sshAuthenticatePk(user, key, log, sp));  // nothing loaded
-    EXPECT_TRUE(authPw());
-}
-
-TEST_F(SshTunnel, NoServerAndForbiddenForwardsFailCleanly) {
-    const int nobody = closedPort();
-    EXPECT_FALSE(openTunnel(nobody));
-    EXPECT_TRUE(sp.m_connectFailed);
-    EXPECT_TRUE(hasError(log, "Connection refused")) << log.toText();
-    ASSERT_NE(sock(), nullptr);
-    EXPECT_FALSE(sock()->isSsh());
-
-    sp.initFlags();
+// A closed port refuses the tunnel itself: the "closed port" row of SshNoServer.HandshakeFailuresSayWhy.
+TEST_F(SshTunnel, ForbiddenOrDeadForwardsCostNothingButTheChannel) {
     ASSERT_TRUE(openTunnel() && authPw()) << log.toText();
     // Only 127.0.0.1 and localhost may be reached through this server.
     EXPECT_FALSE(connectImap("127.0.0.2"));
     EXPECT_TRUE(sp.m_connectFailed);
-    EXPECT_TRUE(hasError(log, "refused a channel to 127.0.0.2")) << log.toText();
+    EXPECT_TRUE(hasErrorPart(log, "refused a channel to 127.0.0.2")) << log.toText();
     EXPECT_TRUE(sock()->isSsh()) << "a refused channel must not cost the tunnel";
     // Allowed, but nothing listens there.
-    EXPECT_FALSE(connectImap("127.0.0.1", nobody));
-    EXPECT_TRUE(hasError(log, "refused a channel to 127.0.0.1")) << log.toText();
+    EXPECT_FALSE(connectImap("127.0.0.1", it::closedPort()));
+    EXPECT_TRUE(hasErrorPart(log, "refused a channel to 127.0.0.1")) << log.toText();
 
     ASSERT_TRUE(connectImap()) << log.toText();
     EXPECT_TRUE(greeting.beginsWith("* OK"));
@@ -553,45 +488,12 @@ TEST_F(SshTunnel, TwoEnginesShareOneTunnel) {
     EXPECT_FALSE(second.useSshTunnel(nullptr, log));
 }
 
-TEST_F(SshTunnel, LosingTheSshConnectionMidFetchIsReportedAndRecoverable) {
-    std::string message;
-    unsigned uid = 0;
-    {
-        // Stored first over an intact tunnel.
-        openAndLogIn();
-        uid = appendLarge(2 * 1024 * 1024, message);
-        ASSERT_NE(uid, 0u) << log.toText();
-        imap.imapDisconnect(log, sp);
-        imap.sshCloseTunnel(sp, log);
-    }
-    CutProxy proxy(sshPort, 1024 * 1024);
-    ASSERT_NE(proxy.port(), 0);
-    ASSERT_TRUE(openTunnel(proxy.port()) && authPw()) << log.toText();
-    ASSERT_TRUE(connectImap()) << log.toText();
-    loginBob();
-    DataBuffer body;
-    log.clear();
-    EXPECT_FALSE(fetchBody(uid, body));
-    EXPECT_TRUE(proxy.wasCut());
-    EXPECT_TRUE(sp.m_connLost) << log.toText();
-    EXPECT_TRUE(hasError(log, "SSH connection lost")) << log.toText();
-
-    imap.imapDisconnect(log, sp);
-    EXPECT_TRUE(hasError(log, "Lost SSH tunnel when closing the channel.")) << log.toText();
-    EXPECT_EQ(sock(), nullptr);
-
-    // A new tunnel straight to sshd works on the same engine.
-    openAndLogIn();
-    ASSERT_TRUE(fetchBody(uid, body)) << log.toText();
-    EXPECT_EQ(body.getSize(), message.size());
-}
-
 TEST_F(SshTunnel, PasswordFallsBackToKeyboardInteractive) {
     KbdInteractiveSshd server;
     ASSERT_TRUE(server.ready()) << server.log();
     ASSERT_TRUE(openTunnel(server.port())) << log.toText();
     EXPECT_FALSE(authPw("wrong"));
-    EXPECT_TRUE(hasError(log, "SSH keyboard-interactive authentication failed for user imaptest")) << log.toText();
+    EXPECT_TRUE(hasErrorPart(log, "SSH keyboard-interactive authentication failed for user imaptest")) << log.toText();
     ASSERT_TRUE(authPw()) << log.toText() << server.log();
     ASSERT_TRUE(connectImap()) << log.toText();
     EXPECT_TRUE(greeting.beginsWith("* OK"));

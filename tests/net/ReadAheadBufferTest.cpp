@@ -3,11 +3,12 @@
 #include <random>
 #include <string>
 
-#include "zrimap/base/BufferLimits.h"
+#include "NetTestSupport.h"
 #include "zrimap/net/ReadAheadBuffer.h"
 #include "zrimap/net/TlsSettings.h"
 
 using namespace zr;
+using zrtest::LimitGuard;
 
 namespace {
 
@@ -23,11 +24,6 @@ bool fill(ReadAheadBuffer& b, const std::string& bytes) {
     b.commit(granted);
     return true;
 }
-
-struct LimitGuard {
-    explicit LimitGuard(uint64_t n) { BufferLimits::setMaxBytes(n); }
-    ~LimitGuard() { BufferLimits::setMaxBytes(0); }
-};
 
 }  // namespace
 

@@ -3,13 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <future>
 #include <string>
-#include <thread>
 
 #include "NetTestSupport.h"
-#include "zrimap/base/StringBuffer.h"
 #include "zrimap/net/SystemCerts.h"
 
 using namespace zr;
@@ -17,34 +14,11 @@ using namespace zrtest;
 
 namespace {
 
-bool hasErrorStarting(const MemoryLog& log, const std::string& prefix) {
-    for (const std::string& e : log.errors())
-        if (e.compare(0, prefix.size(), prefix) == 0) return true;
-    return false;
-}
-
-class TlsSocket : public ::testing::Test {
+class TlsSocket : public SocketTest {
 protected:
-    TlsSocket() { log.m_verboseLogging = true; }
-    bool connect(int port, const char* host, const TestCert* ca, bool tlsOn = true) {
-        tls.m_caFile.setString(ca ? ca->pemPath().c_str() : "");
-        return sock->socket2Connect(StringBuffer(host), port, tlsOn, tls, 5000, sp, log);
-    }
-    bool send(const std::string& s) {
-        return sock->s2_sendFewBytes(reinterpret_cast<const unsigned char*>(s.data()), static_cast<unsigned>(s.size()),
-                                     5000, log, sp);
-    }
-    std::string line() {
-        StringBuffer sb;
-        return sock->receiveUntilMatchSb("\r\n", sb, 5000, sp, log) ? sb.getString() : "<failed>";
-    }
+    bool connectTls(int port, const char* host, const TestCert* ca) { return connect(port, host, true, ca); }
     void hangUp() { sock->sockClose(true, false, 0, log, nullptr, true); }
-
     const Certs& certs = Certs::get();
-    SocketRef sock;
-    SocketParams sp{nullptr};
-    MemoryLog log;
-    _clsTls tls;
 };
 
 }  // namespace
@@ -61,7 +35,7 @@ TEST_F(TlsSocket, VerifiedWithTheRightCaForNameAndAddress) {
             c.write("a1 OK fine\r\n");
             c.readUntilClosed();
         });
-        ASSERT_TRUE(connect(server.port(), host, &certs.good)) << log.toText();
+        ASSERT_TRUE(connectTls(server.port(), host, &certs.good)) << log.toText();
         EXPECT_TRUE(sock->getRemoteServerCertVerified()) << sock->getServerCertVerifyError();
         EXPECT_STREQ(sock->getServerCertVerifyError(), "");
         EXPECT_TRUE(sock->isNonTunneledTls());
@@ -112,7 +86,7 @@ TEST_F(TlsSocket, NotVerifiedWithWrongCaOrWrongHostButStillConnected) {
             ASSERT_TRUE(ok);
             p.readUntilClosed();
         });
-        ASSERT_TRUE(connect(server.port(), "localhost", c.ca)) << log.toText();
+        ASSERT_TRUE(connectTls(server.port(), "localhost", c.ca)) << log.toText();
         EXPECT_FALSE(sock->getRemoteServerCertVerified());
         const std::string reason = sock->getServerCertVerifyError();
         EXPECT_FALSE(reason.empty());
@@ -128,9 +102,9 @@ TEST_F(TlsSocket, RequireVerifiedServerFailsTheHandshakeWithTheReason) {
         p.readUntilClosed();
     });
     tls.m_requireVerifiedServer = true;
-    EXPECT_FALSE(connect(server.port(), "localhost", &certs.other));
+    EXPECT_FALSE(connectTls(server.port(), "localhost", &certs.other));
     EXPECT_EQ(flagsOf(sp), "tlsFailure");
-    EXPECT_TRUE(hasErrorStarting(log, "TLS server certificate not verified: ")) << log.toText();
+    EXPECT_TRUE(hasErrorWith(log, "TLS server certificate not verified: ")) << log.toText();
     EXPECT_TRUE(log.errors().back().find("(host localhost)") != std::string::npos);
     EXPECT_FALSE(sock->isSock2Connected(false, log));
 }
@@ -145,12 +119,12 @@ TEST_F(TlsSocket, StartTlsAfterPlainExchange) {
         c.write("a2 OK secure\r\n");
         c.readUntilClosed();
     });
-    ASSERT_TRUE(connect(server.port(), "127.0.0.1", nullptr, false));
+    ASSERT_TRUE(connect(server.port()));
     EXPECT_FALSE(sock->isNonTunneledTls());
     EXPECT_EQ(line(), "* OK ready\r\n");
     ASSERT_TRUE(send("a1 STARTTLS\r\n"));
     EXPECT_EQ(line(), "a1 OK begin\r\n");
-    tls.m_caFile.setString(certs.good.pemPath().c_str());
+    tls.m_caFile.setString(certs.good.pem.c_str());
     ASSERT_TRUE(sock->convertToTls(StringBuffer("127.0.0.1"), tls, 5000, sp, log)) << log.toText();
     EXPECT_TRUE(sock->isNonTunneledTls());
     EXPECT_TRUE(sock->getRemoteServerCertVerified()) << sock->getServerCertVerifyError();
@@ -166,42 +140,48 @@ TEST_F(TlsSocket, StartTlsRefusesBytesAlreadyReadAhead) {
         c.write("a1 OK begin\r\n* injected\r\n");
         c.readUntilClosed();
     });
-    ASSERT_TRUE(connect(server.port(), "127.0.0.1", nullptr, false));
+    ASSERT_TRUE(connect(server.port()));
     EXPECT_EQ(line(), "a1 OK begin\r\n");
     for (int i = 0; i < 200 && sock->getRumBufferedSize() < 12; ++i) sock->pollDataAvailable(sp, log);
     ASSERT_EQ(sock->getRumBufferedSize(), 12u);
     EXPECT_FALSE(sock->convertToTls(StringBuffer("127.0.0.1"), tls, 5000, sp, log));
     EXPECT_EQ(flagsOf(sp), "tlsFailure");
-    EXPECT_TRUE(hasErrorStarting(log, "Refusing the TLS upgrade: 12 bytes arrived")) << log.toText();
+    EXPECT_TRUE(hasErrorWith(log, "Refusing the TLS upgrade: 12 bytes arrived")) << log.toText();
     EXPECT_FALSE(sock->isSock2Connected(false, log));
 }
 
-TEST_F(TlsSocket, HandshakeWithAPlainServerFailsCleanly) {
-    PeerServer server([&](PeerConn& c) {
-        c.write("* OK this is not TLS at all\r\n");
-        c.readUntilClosed();
-    });
-    EXPECT_FALSE(connect(server.port(), "127.0.0.1", &certs.good));
-    EXPECT_EQ(flagsOf(sp), "tlsFailure");
-    EXPECT_TRUE(hasErrorStarting(log, "TLS handshake failed: ")) << log.toText();
-    EXPECT_FALSE(sock->isSock2Connected(false, log));
-    EXPECT_FALSE(sock->getRemoteServerCerts(nullptr, nullptr));
-}
-
-TEST_F(TlsSocket, ProtocolSettingIsHonoured) {
-    {
-        PeerServer server([&](PeerConn& c) { EXPECT_FALSE(c.startTls(certs.good, TLS1_2_VERSION)); });
-        tls.m_sslProtocol.setString("TLS 1.3");
-        EXPECT_FALSE(connect(server.port(), "127.0.0.1", &certs.good));
-        EXPECT_TRUE(sp.m_tlsFailure) << flagsOf(sp);
-        EXPECT_TRUE(hasErrorStarting(log, "TLS handshake failed: ")) << log.toText();
+TEST_F(TlsSocket, HandshakeFailuresAreTlsFailuresWithTheReason) {
+    struct Case {
+        const char* name;
+        std::function<void(PeerConn&)> peer;
+        const char* protocol;
+        const char* error;
+    };
+    const Case cases[] = {
+        {"plain server",
+         [](PeerConn& c) {
+             c.write("* OK this is not TLS at all\r\n");
+             c.readUntilClosed();
+         },
+         "default", "TLS handshake failed: "},
+        {"server below the minimum",
+         [this](PeerConn& c) { EXPECT_FALSE(c.startTls(certs.good, TLS1_2_VERSION)); }, "TLS 1.3",
+         "TLS handshake failed: "},
+        {"unknown setting", [](PeerConn& c) { c.readUntilClosed(); }, "SSL 2.0",
+         "Unrecognized SSL protocol setting [SSL 2.0]"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        sp.initFlags();
+        log.clear();
+        PeerServer server(c.peer);
+        tls.m_sslProtocol.setString(c.protocol);
+        EXPECT_FALSE(connectTls(server.port(), "127.0.0.1", &certs.good));
+        EXPECT_EQ(flagsOf(sp), "tlsFailure");
+        EXPECT_TRUE(hasErrorWith(log, c.error)) << log.toText();
+        EXPECT_FALSE(sock->isSock2Connected(false, log));
+        EXPECT_FALSE(sock->getRemoteServerCerts(nullptr, nullptr));
     }
-    sp.initFlags();
-    PeerServer server([&](PeerConn& c) { c.readUntilClosed(); });
-    tls.m_sslProtocol.setString("SSL 2.0");
-    EXPECT_FALSE(connect(server.port(), "127.0.0.1", &certs.good));
-    EXPECT_EQ(flagsOf(sp), "tlsFailure");
-    EXPECT_TRUE(log.hasError("Unrecognized SSL protocol setting [SSL 2.0]"));
 }
 
 TEST_F(TlsSocket, GracefulCloseSendsCloseNotifyAndAbruptDoesNot) {
@@ -212,7 +192,7 @@ TEST_F(TlsSocket, GracefulCloseSendsCloseNotifyAndAbruptDoesNot) {
                 ASSERT_TRUE(c.startTls(certs.good));
                 seen = c.readUntilClosed();
             });
-            ASSERT_TRUE(connect(server.port(), "localhost", &certs.good));
+            ASSERT_TRUE(connectTls(server.port(), "localhost", &certs.good));
             EXPECT_TRUE(sock->sockClose(true, graceful, 1000, log, nullptr, false));
             EXPECT_TRUE(sock->sockClose(true, graceful, 1000, log, nullptr, false));
         }
@@ -220,34 +200,46 @@ TEST_F(TlsSocket, GracefulCloseSendsCloseNotifyAndAbruptDoesNot) {
     }
 }
 
-// The peer drops the TCP connection without close_notify: the read sees the
-// connection lost, and so does everything after it.
-TEST_F(TlsSocket, PeerGoneMidLineIsConnectionLost) {
-    PeerServer server([&](PeerConn& c) {
-        ASSERT_TRUE(c.startTls(certs.good));
-        c.write("* partial");
-        c.close();
-    });
-    ASSERT_TRUE(connect(server.port(), "localhost", &certs.good));
-    EXPECT_EQ(line(), "<failed>");
-    EXPECT_EQ(flagsOf(sp), "connLost");
-    sp.initFlags();
-    EXPECT_FALSE(send("a1 LOGOUT\r\n"));
-    EXPECT_EQ(flagsOf(sp), "connLost");
+// The peer goes without a word (no close_notify under TLS): the read in
+// progress sees the connection lost, and under TLS so does what follows.
+TEST_F(TlsSocket, PeerGoneMidLineIsConnectionLostWithOrWithoutTls) {
+    for (bool withTls : {false, true}) {
+        SCOPED_TRACE(withTls ? "TLS" : "plain");
+        sp.initFlags();
+        PeerServer server([&](PeerConn& c) {
+            ASSERT_TRUE(!withTls || c.startTls(certs.good));
+            c.write("* partial");
+            c.close();
+        });
+        ASSERT_TRUE(connect(server.port(), "localhost", withTls, &certs.good));
+        EXPECT_EQ(line(), "<failed>");
+        EXPECT_EQ(flagsOf(sp), "connLost");
+        EXPECT_FALSE(sock->isSock2Connected(false, log));
+        if (!withTls) continue;  // a plain FIN ends only the peer's half: sending may still work
+        sp.initFlags();
+        EXPECT_FALSE(send("a1 LOGOUT\r\n"));
+        EXPECT_EQ(flagsOf(sp), "connLost");
+    }
 }
 
-// Nothing is read, so it is OpenSSL's own writes that meet the dead
-// connection: they must fail instead of raising SIGPIPE.
-TEST_F(TlsSocket, SendsToVanishedPeerFailWithoutSigpipe) {
-    PeerServer server([&](PeerConn& c) {
-        ASSERT_TRUE(c.startTls(certs.good));
-        c.close();
-    });
-    ASSERT_TRUE(connect(server.port(), "localhost", &certs.good));
-    const std::string chunk(64 * 1024, 'q');
-    bool sent = true;
-    for (int i = 0; i < 400 && sent; ++i) sent = send(chunk);
-    EXPECT_FALSE(sent);
-    EXPECT_EQ(log.errors().size(), 1u) << log.toText();
-    EXPECT_EQ(flagsOf(sp), "connLost");
+// Nothing is read, so it is the writes themselves (OpenSSL's under TLS) that
+// meet the dead connection: they must fail instead of raising SIGPIPE, which
+// would end the whole test run.
+TEST_F(TlsSocket, SendsToVanishedPeerFailWithoutSigpipeWithOrWithoutTls) {
+    for (bool withTls : {false, true}) {
+        SCOPED_TRACE(withTls ? "TLS" : "plain");
+        sp.initFlags();
+        log.clear();
+        PeerServer server([&](PeerConn& c) {
+            ASSERT_TRUE(!withTls || c.startTls(certs.good));
+            c.close();
+        });
+        ASSERT_TRUE(connect(server.port(), "localhost", withTls, &certs.good));
+        const std::string chunk(64 * 1024, 'q');
+        bool sent = true;
+        for (int i = 0; i < 400 && sent; ++i) sent = send(chunk);
+        EXPECT_FALSE(sent);
+        EXPECT_EQ(log.errors().size(), 1u) << log.toText();
+        EXPECT_EQ(flagsOf(sp), "connLost");
+    }
 }

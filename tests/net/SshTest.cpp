@@ -7,10 +7,10 @@
 #include <openssl/pem.h>
 #include <openssl/sha.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -19,15 +19,8 @@
 
 using namespace zr;
 using namespace zrtest;
-using Clock = std::chrono::steady_clock;
 
 namespace {
-
-bool hasError(const MemoryLog& log, const std::string& part) {
-    for (const std::string& e : log.errors())
-        if (e.find(part) != std::string::npos) return true;
-    return false;
-}
 
 std::string run(const std::string& cmd, int* status = nullptr) {
     std::string out;
@@ -87,17 +80,14 @@ std::string firstTwoFields(const std::string& line) {
     return line.substr(0, b);
 }
 
-void putString(std::string& out, const std::string& s) {
-    const uint32_t n = static_cast<uint32_t>(s.size());
-    out += static_cast<char>(n >> 24);
-    out += static_cast<char>(n >> 16);
-    out += static_cast<char>(n >> 8);
-    out += static_cast<char>(n);
-    out += s;
-}
-
-std::string str(const DataBuffer& db) {
-    return std::string(reinterpret_cast<const char*>(db.getData2()), db.getSize());
+// Each field as an SSH string: a 32-bit big-endian length, then the bytes.
+std::string sshStrings(std::initializer_list<std::string> fields) {
+    std::string out;
+    for (const std::string& s : fields) {
+        for (int shift : {24, 16, 8, 0}) out += static_cast<char>(s.size() >> shift);
+        out += s;
+    }
+    return out;
 }
 
 // Signs `message` as an SSHSIG (the format of ssh-keygen -Y sign) with the
@@ -107,24 +97,13 @@ bool sshKeygenAcceptsSignature(const _zrPublicKey& key, const char* alg, const s
     const std::string ns = "zrimap-test";
     unsigned char digest[64];
     SHA512(reinterpret_cast<const unsigned char*>(message.data()), message.size(), digest);
-    std::string toSign = "SSHSIG";
-    putString(toSign, ns);
-    putString(toSign, "");
-    putString(toSign, "sha512");
-    putString(toSign, std::string(reinterpret_cast<const char*>(digest), sizeof digest));
+    const std::string toSign =
+        "SSHSIG" + sshStrings({ns, "", "sha512", std::string(reinterpret_cast<const char*>(digest), sizeof digest)});
     DataBuffer raw, blob;
     if (!key.sign(alg, reinterpret_cast<const unsigned char*>(toSign.data()), toSign.size(), raw, log)) return false;
     if (!key.getPublicBlob(key.keyType(), blob)) return false;
-    std::string sigBlob;
-    putString(sigBlob, alg);
-    putString(sigBlob, str(raw));
-    std::string sshsig = "SSHSIG";
-    sshsig += std::string("\0\0\0\1", 4);
-    putString(sshsig, str(blob));
-    putString(sshsig, ns);
-    putString(sshsig, "");
-    putString(sshsig, "sha512");
-    putString(sshsig, sigBlob);
+    const std::string sshsig = "SSHSIG" + std::string("\0\0\0\1", 4) +
+                               sshStrings({str(blob), ns, "", "sha512", sshStrings({alg, str(raw)})});
     StringBuffer b64;
     ContentCoding::encodeBase64_noCrLf(sshsig.data(), static_cast<unsigned>(sshsig.size()), b64);
     std::string armored = "-----BEGIN SSH SIGNATURE-----\n";
@@ -201,11 +180,11 @@ TEST_P(OpenSshKeys, LoadMatchesSshKeygenAndSignaturesVerify) {
     if (c.passphrase) {
         log.clear();
         EXPECT_FALSE(again.loadFromMemory(text.data(), text.size(), "not it", log));
-        EXPECT_TRUE(hasError(log, "Wrong passphrase for the private key")) << log.toText();
+        EXPECT_TRUE(hasErrorWith(log, "Wrong passphrase for the private key")) << log.toText();
         EXPECT_FALSE(again.isLoaded());
         log.clear();
         EXPECT_FALSE(again.loadFromMemory(text.data(), text.size(), nullptr, log));
-        EXPECT_TRUE(hasError(log, "a passphrase is needed")) << log.toText();
+        EXPECT_TRUE(hasErrorWith(log, "a passphrase is needed")) << log.toText();
     }
 }
 
@@ -243,9 +222,9 @@ TEST(SshKeys, PemKeysFromOpenSsl) {
             if (pass) {
                 log.clear();
                 EXPECT_FALSE(key.loadFromMemory(pem.data(), pem.size(), "wrong", log));
-                EXPECT_TRUE(hasError(log, "Wrong passphrase")) << log.toText();
+                EXPECT_TRUE(hasErrorWith(log, "Wrong passphrase")) << log.toText();
                 EXPECT_FALSE(key.loadFromMemory(pem.data(), pem.size(), "", log));
-                EXPECT_TRUE(hasError(log, "a passphrase is needed"));
+                EXPECT_TRUE(hasErrorWith(log, "a passphrase is needed"));
             }
         }
         EVP_PKEY_free(c.pkey);
@@ -259,7 +238,7 @@ TEST(SshKeys, UnsupportedAndDamagedInputIsNamed) {
         log.clear();
         const bool loaded = key.loadFromMemory(text.data(), text.size(), passphrase, log);
         EXPECT_FALSE(loaded) << text.substr(0, 40);
-        EXPECT_TRUE(hasError(log, expected)) << expected << "\n" << log.toText();
+        EXPECT_TRUE(hasErrorWith(log, expected)) << expected << "\n" << log.toText();
         EXPECT_FALSE(key.isLoaded());
         EXPECT_STREQ(key.keyType(), "");
     };
@@ -337,18 +316,13 @@ TEST(SshReadParamsTest, CloseTimeoutFollowsTheReadTimeout) {
 // ---------------------------------------------------------------------------
 // Without a tunnel, and against peers that are not SSH servers
 
-class SshNoServer : public ::testing::Test {
+class SshNoServer : public SocketTest {
 protected:
-    SshNoServer() { log.m_verboseLogging = true; }
     bool tunnel(int port, unsigned idleMs = 3000, SocketParams* params = nullptr) {
         sock->put_IdleTimeoutMs(idleMs);
         XString host("127.0.0.1");
-        _clsTls tls;
         return sock->sshTunnel(host, port, tls, log, params ? *params : sp);
     }
-    SocketRef sock;
-    SocketParams sp{nullptr};
-    MemoryLog log;
 };
 
 TEST_F(SshNoServer, CallsWithoutATunnelFailOrDoNothing) {
@@ -358,7 +332,7 @@ TEST_F(SshNoServer, CallsWithoutATunnelFailOrDoNothing) {
     StringBuffer fp;
     EXPECT_FALSE(sock->isSsh());
     EXPECT_FALSE(sock->sshAuthenticatePw(user, pw, log, sp));
-    EXPECT_TRUE(hasError(log, "No SSH tunnel"));
+    EXPECT_TRUE(hasErrorWith(log, "No SSH tunnel"));
     EXPECT_FALSE(sock->sshAuthenticatePk(user, nullptr, key, log, sp));
     EXPECT_FALSE(sock->sshCloseChannel(rp, sp, log));
     EXPECT_TRUE(sock->sshCloseTunnel(sp, log));
@@ -373,10 +347,9 @@ TEST_F(SshNoServer, CallsWithoutATunnelFailOrDoNothing) {
     EXPECT_TRUE(sock->isSsh());
     // A tunnel that never connected: connects fail and say why, nothing
     // goes around it on a direct connection.
-    _clsTls tls;
     EXPECT_FALSE(sock->socket2Connect(StringBuffer("127.0.0.1"), 143, false, tls, 1000, sp, log));
     EXPECT_TRUE(sp.m_connectFailed);
-    EXPECT_TRUE(hasError(log, "the SSH tunnel is no longer connected (not connected)")) << log.toText();
+    EXPECT_TRUE(hasErrorWith(log, "the SSH tunnel is no longer connected (not connected)")) << log.toText();
     EXPECT_TRUE(sock->isSsh());
     EXPECT_FALSE(sock->sshAuthenticatePw(user, pw, log, sp));
     t->decRefCount();
@@ -404,66 +377,57 @@ TEST_F(SshNoServer, EngineTunnelCallsWithoutASocket) {
     EXPECT_TRUE(imap.m_socket->isSsh());
     imap.imapDisconnect(log, sp);
     EXPECT_TRUE(log.hasInfo("Closing the SSH channel, if it exists."));
-    EXPECT_TRUE(hasError(log, "Lost SSH tunnel when closing the channel."));
+    EXPECT_TRUE(hasErrorWith(log, "Lost SSH tunnel when closing the channel."));
     EXPECT_EQ(imap.m_socket, nullptr);
     EXPECT_EQ(t->getRefCount(), 1);
     t->decRefCount();
 }
 
-TEST_F(SshNoServer, ClosedPortFailsTheConnect) {
-    EXPECT_FALSE(tunnel(closedPort()));
-    EXPECT_EQ(flagsOf(sp), "connectFailed");
-    EXPECT_FALSE(sock->isSsh());
-}
-
-TEST_F(SshNoServer, GarbageInsteadOfABannerFailsTheHandshake) {
-    PeerServer server([](PeerConn& c) {
-        c.write("HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n");
-        c.close();
-    });
-    EXPECT_FALSE(tunnel(server.port()));
-    EXPECT_TRUE(sp.m_connectFailed);
-    EXPECT_FALSE(sp.m_timedOut);
-    EXPECT_TRUE(hasError(log, "SSH handshake with 127.0.0.1:")) << log.toText();
-    EXPECT_FALSE(sock->isSsh());
-}
-
-TEST_F(SshNoServer, BannerThenNonsenseFailsTheKeyExchange) {
-    PeerServer server([](PeerConn& c) {
-        c.write("SSH-2.0-Fake_1.0\r\n");
-        c.readLine();  // the client's banner
-        c.write(std::string(64, '\x7f') + std::string(200, 'z'));
-        c.readUntilClosed();
-    });
-    EXPECT_FALSE(tunnel(server.port()));
-    EXPECT_TRUE(sp.m_connectFailed);
-    EXPECT_TRUE(hasError(log, "SSH handshake with")) << log.toText();
-}
-
-TEST_F(SshNoServer, SilentServerTimesOutTheHandshake) {
-    PeerServer server([](PeerConn& c) { c.readUntilClosed(); });
-    const auto start = Clock::now();
-    EXPECT_FALSE(tunnel(server.port(), 400));
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-    EXPECT_EQ(flagsOf(sp), "timedOut connectFailed");
-    EXPECT_TRUE(hasError(log, "timed out (400 ms)")) << log.toText();
-    EXPECT_GE(ms, 350);
-    EXPECT_LT(ms, 3000);
-}
-
-TEST_F(SshNoServer, AbortStopsTheHandshake) {
-    struct AbortLater : ProgressEvent {
-        Clock::time_point at = Clock::now() + std::chrono::milliseconds(200);
-        void onProgressInfo(const char*, const char*) override {}
-        bool onAbortCheck() override { return Clock::now() >= at; }
-    } sink;
-    ProgressMonitor pm(&sink);
-    SocketParams aborting(&pm);
-    PeerServer server([](PeerConn& c) { c.readUntilClosed(); });
-    const auto start = Clock::now();
-    EXPECT_FALSE(tunnel(server.port(), 0, &aborting));  // no time limit: only the abort ends it
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-    EXPECT_EQ(flagsOf(aborting), "connectFailed aborted");
-    EXPECT_TRUE(hasError(log, "aborted by the application")) << log.toText();
-    EXPECT_LT(ms, 2000);
+// Garbage, a banner followed by nonsense, silence past the time-out and an
+// abort with no time limit: each fails the connect and leaves no tunnel.
+TEST_F(SshNoServer, HandshakeFailuresSayWhy) {
+    struct Case {
+        const char* name;
+        std::function<void(PeerConn&)> peer;  // null: nothing listens
+        unsigned idleMs;
+        int abortAfterMs;  // -1: never
+        const char* flags;
+        const char* error;
+    };
+    const Case cases[] = {
+        {"closed port", nullptr, 3000, -1, "connectFailed", "Connection refused"},
+        {"HTTP instead of a banner",
+         [](PeerConn& c) {
+             c.write("HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n");
+             c.close();
+         },
+         3000, -1, "connectFailed", "SSH handshake with 127.0.0.1:"},
+        {"banner then nonsense",
+         [](PeerConn& c) {
+             c.write("SSH-2.0-Fake_1.0\r\n");
+             c.readLine();  // the client's banner
+             c.write(std::string(64, '\x7f') + std::string(200, 'z'));
+             c.readUntilClosed();
+         },
+         3000, -1, "connectFailed", "SSH handshake with 127.0.0.1:"},
+        {"silence", [](PeerConn& c) { c.readUntilClosed(); }, 400, -1, "timedOut connectFailed", "timed out (400 ms)"},
+        {"abort", [](PeerConn& c) { c.readUntilClosed(); }, 0, 200, "connectFailed aborted",
+         "aborted by the application"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        log.clear();
+        AbortAfter sink(c.abortAfterMs);
+        ProgressMonitor pm(&sink);
+        SocketParams params(&pm);
+        std::optional<PeerServer> server;
+        if (c.peer) server.emplace(c.peer);
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_FALSE(tunnel(server ? server->port() : closedPort(), c.idleMs, &params));
+        EXPECT_EQ(flagsOf(params), c.flags);
+        EXPECT_TRUE(hasErrorWith(log, c.error)) << log.toText();
+        EXPECT_FALSE(sock->isSsh());
+        EXPECT_LT(msSince(start), 3000);
+        EXPECT_GE(msSince(start), c.idleMs == 400 ? 350 : 0);
+    }
 }

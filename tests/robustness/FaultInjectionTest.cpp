@@ -19,22 +19,14 @@
 #include "RobustnessSupport.h"
 #include "ScriptedServer.h"
 #include "zrimap/auth/Settings.h"
-#include "zrimap/engine.h"
 
 using namespace zr;
-using zr::test::ScriptedServer;
-using zr::test::visible;
+using namespace zr::test;
+using namespace std::string_literals;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Millis = std::chrono::milliseconds;
-
-long msSince(Clock::time_point t) {
-    return static_cast<long>(std::chrono::duration_cast<Millis>(Clock::now() - t).count());
-}
-
-const char kLineReadFailed[] = "Failed to get next response line from IMAP server.";
 
 enum Op { kConnect, kLogin, kSelect, kFetchWhole, kFetchParts, kAppend, kIdleStart, kIdleCheck, kIdleDone, kLogout,
           kOpCount, kNoOp = -1 };
@@ -137,23 +129,16 @@ const char* errorAt(const Exchange& e, std::size_t offset) {
     return nullptr;
 }
 
-void playUpTo(ScriptedServer& server, std::size_t upTo) {
-    for (std::size_t i = 0; i < upTo; ++i) {
-        const Exchange& e = session()[i];
-        if (e.clientRaw) server.expectRaw(e.client);
-        else if (!e.client.empty()) server.expect(e.client);
-        server.send(e.server);
-    }
-}
-
 void expectClient(ScriptedServer& server, const Exchange& e) {
     if (e.clientRaw) server.expectRaw(e.client);
     else if (!e.client.empty()) server.expect(e.client);
 }
 
-// The reconnect the object must manage after the failure.
-void playReconnect(ScriptedServer& server) {
-    server.acceptNext().send("* OK again\r\n").expect("{tag} NOOP\r\n").send("{tag} OK NOOP completed\r\n");
+void playUpTo(ScriptedServer& server, std::size_t upTo) {
+    for (std::size_t i = 0; i < upTo; ++i) {
+        expectClient(server, session()[i]);
+        server.send(session()[i].server);
+    }
 }
 
 class Client {
@@ -197,17 +182,7 @@ public:
             }
             case kFetchParts: {
                 ImapMsgSummary summary;
-                const char* parts[][3] = {{"", "multipart", "mixed"}, {"1", "text", "plain"},
-                                          {"2", "application", "pdf"}};
-                for (const auto& p : parts) {
-                    auto* part = new ImapMsgPart;
-                    part->m_partId.setString(p[0]);
-                    part->m_contentType.setString(p[1]);
-                    part->m_subType.setString(p[2]);
-                    summary.appendPart(part);
-                }
-                summary.m_numAttachments = 1;
-                summary.m_loaded = 1;
+                mixedSummary(summary);
                 ImapFlags flags;
                 StringBuffer date, text;
                 DataBuffer mime;
@@ -304,7 +279,7 @@ std::vector<int> allExchanges() {
 
 // The session itself, untouched: everything succeeds and the wire matches.
 TEST(FaultInjectionSession, RunsCleanlyWithoutFaults) {
-    const int fdsBefore = zr::test::openFdCount();
+    const int fdsBefore = openFdCount();
     {
         ScriptedServer server;
         playUpTo(server, session().size());
@@ -316,58 +291,69 @@ TEST(FaultInjectionSession, RunsCleanlyWithoutFaults) {
         c.imap.closeImapSocket();
         EXPECT_TRUE(server.finish()) << server.report();
     }
-    EXPECT_EQ(zr::test::openFdCount(), fdsBefore);
+    EXPECT_EQ(openFdCount(), fdsBefore);
 }
+
+namespace {
+
+// Plays the session up to exchange j, lets `fault` script how the server's
+// side of exchange j goes wrong, runs the session, lets `judge` check the
+// failure, and then makes the object connect again and run a NOOP.
+template <class Fault, class Judge>
+void runWithFault(std::size_t j, unsigned readTimeoutMs, Fault fault, Judge judge) {
+    const int fdsBefore = openFdCount();
+    {
+        ScriptedServer server;
+        playUpTo(server, j);
+        expectClient(server, session()[j]);
+        fault(server);
+        server.acceptNext().send("* OK again\r\n").expect("{tag} NOOP\r\n").send("{tag} OK NOOP completed\r\n");
+        server.start();
+        Client c(server.port(), readTimeoutMs);
+        long ms = 0;
+        const int failed = runSession(c, ms);
+        judge(c, failed, ms);
+        c.reconnectAndNoop();
+        EXPECT_TRUE(server.finish()) << server.report();
+    }
+    EXPECT_EQ(openFdCount(), fdsBefore);
+}
+
+const char* opName(int op) { return op == kNoOp ? "no failure" : kOpNames[op]; }
+
+}  // namespace
 
 class DropAtEveryByte : public ::testing::TestWithParam<int> {};
 
 TEST_P(DropAtEveryByte, OperationFailsAtOnceWithItsMessageAndTheObjectReconnects) {
     const std::size_t j = static_cast<std::size_t>(GetParam());
     const Exchange& ex = session()[j];
-    for (std::size_t cut = 0; cut < ex.server.size(); ++cut) {
+    for (std::size_t cut = 0; cut < ex.server.size() && !HasFailure(); ++cut) {
         SCOPED_TRACE("server closes after " + std::to_string(cut) + " bytes of \"" + visible(ex.server) + "\"");
-        const int fdsBefore = zr::test::openFdCount();
-        {
-            ScriptedServer server;
-            playUpTo(server, j);
-            expectClient(server, ex);
-            server.closeAfter(ex.server, cut);
-            playReconnect(server);
-            server.start();
-
-            Client c(server.port(), 5000);
-            long ms = 0;
-            const int failed = runSession(c, ms);
-            ASSERT_EQ(failed, ex.op) << "expected " << (ex.op == kNoOp ? "no failure" : kOpNames[ex.op])
-                                     << c.log.toText();
-            if (failed != kNoOp) {
-                // The end of the stream is seen at once, not waited out.
-                EXPECT_LT(ms, 2000) << kOpNames[failed];
-                if (const char* error = errorAt(ex, cut)) {
-                    EXPECT_TRUE(c.log.hasError(error)) << "expected \"" << error << "\"\n" << c.log.toText();
-                } else if (failed == kIdleCheck) {
-                    EXPECT_TRUE(c.sp.m_connLost);
-                    EXPECT_EQ(c.idleXml, "<idle></idle>");  // a partial line is not reported
-                } else {
-                    EXPECT_TRUE(c.sp.m_connLost);
-                    bool transportSaidSo = false;
-                    for (const std::string& e : c.log.errors())
-                        transportSaidSo |= e.find("closed by peer") != std::string::npos;
-                    EXPECT_TRUE(transportSaidSo) << c.log.toText();
-                }
-                // A failed line read is in the session log too.
-                const char* error = errorAt(ex, cut);
-                if (error && std::string(error) == kLineReadFailed) {
-                    EXPECT_NE(std::string(c.imap.m_sessionLog.getString()).find(std::string("----ERROR----\r\n") +
-                                                                                kLineReadFailed),
-                              std::string::npos);
-                }
+        const char* error = errorAt(ex, cut);
+        runWithFault(j, 5000, [&](ScriptedServer& s) { s.closeAfter(ex.server, cut); },
+                     [&](Client& c, int failed, long ms) {
+            ASSERT_EQ(failed, ex.op) << "expected " << opName(ex.op) << c.log.toText();
+            if (failed == kNoOp) return;
+            // The end of the stream is seen at once, not waited out.
+            EXPECT_LT(ms, 2000) << kOpNames[failed];
+            if (error) {
+                EXPECT_TRUE(c.log.hasError(error)) << "expected \"" << error << "\"\n" << c.log.toText();
+            } else if (failed == kIdleCheck) {
+                EXPECT_TRUE(c.sp.m_connLost);
+                EXPECT_EQ(c.idleXml, "<idle></idle>");  // a partial line is not reported
+            } else {
+                EXPECT_TRUE(c.sp.m_connLost);
+                bool said = false;
+                for (const std::string& e : c.log.errors()) said |= e.find("closed by peer") != std::string::npos;
+                EXPECT_TRUE(said) << c.log.toText();
             }
-            c.reconnectAndNoop();
-            EXPECT_TRUE(server.finish()) << server.report();
-        }
-        EXPECT_EQ(zr::test::openFdCount(), fdsBefore);
-        if (HasFailure()) break;  // one offset's report is enough
+            // A failed line read is in the session log too.
+            if (error && std::string(error) == kLineReadFailed) {
+                EXPECT_NE(std::string(c.imap.m_sessionLog.getString()).find("----ERROR----\r\n"s + kLineReadFailed),
+                          std::string::npos);
+            }
+        });
     }
 }
 
@@ -377,55 +363,40 @@ class StallAfterEveryLine : public ::testing::TestWithParam<int> {};
 
 TEST_P(StallAfterEveryLine, OperationTimesOutWithItsMessageAndTheObjectReconnects) {
     constexpr unsigned kReadTimeoutMs = 400;
-    constexpr Millis kStall{900};
     const std::size_t j = static_cast<std::size_t>(GetParam());
     const Exchange& ex = session()[j];
-    for (std::size_t at = 0; at < ex.server.size(); ++at) {
+    for (std::size_t at = 0; at < ex.server.size() && !HasFailure(); ++at) {
         if (at != 0 && ex.server[at - 1] != '\n') continue;  // line boundaries only
         SCOPED_TRACE("server stalls after " + std::to_string(at) + " bytes of \"" + visible(ex.server) + "\"");
-        const int fdsBefore = zr::test::openFdCount();
-        {
-            ScriptedServer server;
-            playUpTo(server, j);
-            expectClient(server, ex);
-            if (at) server.send(ex.server.substr(0, at));
-            server.stall(kStall);
-            playReconnect(server);
-            server.start();
-
-            Client c(server.port(), kReadTimeoutMs);
-            long ms = 0;
-            const int failed = runSession(c, ms);
+        runWithFault(j, kReadTimeoutMs,
+                     [&](ScriptedServer& s) {
+                         if (at) s.send(ex.server.substr(0, at));
+                         s.stall(Millis(900));
+                     },
+                     [&](Client& c, int failed, long ms) {
             // IDLE monitoring takes silence as "nothing new", so the stall
             // hits the DONE that follows.
             const int expectedOp = ex.op == kIdleCheck ? kIdleDone : ex.op;
-            ASSERT_EQ(failed, expectedOp) << "expected "
-                                          << (expectedOp == kNoOp ? "no failure" : kOpNames[expectedOp])
-                                          << c.log.toText();
+            ASSERT_EQ(failed, expectedOp) << "expected " << opName(expectedOp) << c.log.toText();
             if (ex.op == kIdleCheck) {
                 EXPECT_TRUE(c.idleOk);
                 EXPECT_EQ(c.idleXml, "<idle></idle>");
             }
-            if (failed != kNoOp) {
-                EXPECT_GE(ms, static_cast<long>(kReadTimeoutMs) - 50) << kOpNames[failed];
-                EXPECT_LT(ms, static_cast<long>(kReadTimeoutMs) + 1500) << kOpNames[failed];
-                EXPECT_TRUE(c.sp.m_timedOut) << kOpNames[failed];
-                const char* error = ex.op == kIdleCheck ? kLineReadFailed : errorAt(ex, at);
-                if (error) {
-                    EXPECT_TRUE(c.log.hasError(error)) << "expected \"" << error << "\"\n" << c.log.toText();
-                } else {
-                    EXPECT_NE(std::string(c.imap.m_sessionLog.getString()).find("Failed to get command response"),
-                              std::string::npos);
-                }
-                // A read that timed out leaves the stream in an unknown place:
-                // the connection must not be used again.
-                EXPECT_FALSE(c.imap.isImapConnected(c.log)) << kOpNames[failed];
+            if (failed == kNoOp) return;
+            EXPECT_GE(ms, static_cast<long>(kReadTimeoutMs) - 50) << kOpNames[failed];
+            EXPECT_LT(ms, static_cast<long>(kReadTimeoutMs) + 1500) << kOpNames[failed];
+            EXPECT_TRUE(c.sp.m_timedOut) << kOpNames[failed];
+            const char* error = ex.op == kIdleCheck ? kLineReadFailed : errorAt(ex, at);
+            if (error) {
+                EXPECT_TRUE(c.log.hasError(error)) << "expected \"" << error << "\"\n" << c.log.toText();
+            } else {
+                EXPECT_NE(std::string(c.imap.m_sessionLog.getString()).find("Failed to get command response"),
+                          std::string::npos);
             }
-            c.reconnectAndNoop();
-            EXPECT_TRUE(server.finish()) << server.report();
-        }
-        EXPECT_EQ(zr::test::openFdCount(), fdsBefore);
-        if (HasFailure()) break;
+            // A read that timed out leaves the stream in an unknown place:
+            // the connection must not be used again.
+            EXPECT_FALSE(c.imap.isImapConnected(c.log)) << kOpNames[failed];
+        });
     }
 }
 

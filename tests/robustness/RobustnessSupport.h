@@ -11,7 +11,22 @@
 #include <string>
 #include <vector>
 
+#include "zrimap/engine.h"
+
 namespace zr::test {
+
+using Clock = std::chrono::steady_clock;
+long msSince(Clock::time_point t);
+
+inline constexpr char kLineReadFailed[] = "Failed to get next response line from IMAP server.";
+
+// A loaded summary of a multipart/mixed message: part 1 text/plain, part 2
+// an attachment, so the download without attachments asks for the top
+// header, BODY[1.MIME] and BODY[1].
+void mixedSummary(ImapMsgSummary& s);
+
+// "{n}\r\n" and the bytes: an IMAP literal.
+std::string lit(const std::string& bytes);
 
 // Open file descriptors of this process.
 int openFdCount();
@@ -33,7 +48,7 @@ public:
 // `chunk` again and again until the client closes, `maxBytes` have been
 // flooded or `maxTime` has passed. Whatever the client sends meanwhile is
 // read and dropped. Then it accepts one more connection, if one comes within
-// `maxTime`, and sends it `secondGreeting`, so a test can check that the
+// `maxTime`, and greets it with "* OK again", so a test can check that the
 // object connects again.
 class FloodServer {
 public:
@@ -43,7 +58,6 @@ public:
         std::string chunk;
         std::uint64_t maxBytes = 256u << 20;
         std::chrono::milliseconds maxTime{20000};
-        std::string secondGreeting = "* OK again\r\n";
         bool acceptSecond = true;  // false: no reconnect is waited for
     };
     explicit FloodServer(Config config);
@@ -54,12 +68,9 @@ public:
     std::uint16_t port() const;
     // Waits for the server thread (bounded by maxTime twice plus a margin).
     void join();
-    // After join(): bytes of `chunk` written, and whether the client hung up
-    // (rather than the byte or time cap ending the flood).
-    std::uint64_t flooded() const;
+    // After join(): whether the client hung up (rather than the byte or
+    // time cap ending the flood).
     bool clientClosed() const;
-    // The lines the client sent before the flood.
-    std::vector<std::string> clientLines() const;
 
 private:
     struct Impl;
