@@ -11,10 +11,7 @@
 
 #include "../../src/auth/NtlmInternal.h"
 #include "zrimap/auth/Ntlm.h"
-#include "zrimap/base/ContentCoding.h"
-#include "zrimap/base/DataBuffer.h"
-#include "zrimap/base/LogBase.h"
-#include "zrimap/base/StringBuffer.h"
+#include "zrimap/engine.h"
 
 using namespace zr;
 using ::testing::HasSubstr;
@@ -28,32 +25,24 @@ std::string unhex(const std::string& h) {
 }
 
 std::string hex(const std::string& b) {
-    static const char* digits = "0123456789abcdef";
     std::string out;
-    for (unsigned char c : b) {
-        out.push_back(digits[c >> 4]);
-        out.push_back(digits[c & 15]);
-    }
+    for (unsigned char c : b) out.append({"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]});
     return out;
 }
+std::string hex(const unsigned char* p, size_t n) { return hex(std::string(reinterpret_cast<const char*>(p), n)); }
+const unsigned char* bytes(const std::string& s) { return reinterpret_cast<const unsigned char*>(s.data()); }
 
 std::string u16(const std::string& ascii) {
     std::string out;
-    for (char c : ascii) {
-        out.push_back(c);
-        out.push_back(0);
-    }
+    for (char c : ascii) out.append({c, '\0'});
     return out;
 }
 
 std::string le16(unsigned v) { return std::string{char(v & 0xFF), char((v >> 8) & 0xFF)}; }
 std::string le32(uint32_t v) { return le16(v & 0xFFFF) + le16(v >> 16); }
 std::string le64(uint64_t v) { return le32(uint32_t(v)) + le32(uint32_t(v >> 32)); }
-uint32_t rd32(const std::string& s, size_t at) {
-    return uint32_t(uint8_t(s[at])) | uint32_t(uint8_t(s[at + 1])) << 8 | uint32_t(uint8_t(s[at + 2])) << 16 |
-           uint32_t(uint8_t(s[at + 3])) << 24;
-}
 unsigned rd16(const std::string& s, size_t at) { return unsigned(uint8_t(s[at])) | unsigned(uint8_t(s[at + 1])) << 8; }
+uint32_t rd32(const std::string& s, size_t at) { return rd16(s, at) | uint32_t(rd16(s, at + 2)) << 16; }
 
 std::string avPair(unsigned id, const std::string& value) { return le16(id) + le16(unsigned(value.size())) + value; }
 
@@ -72,8 +61,8 @@ std::string unb64(const std::string& text) {
 std::string hmacMd5(const std::string& key, const std::string& data) {
     unsigned char out[16];
     size_t outLen = 0;
-    EXPECT_NE(EVP_Q_mac(nullptr, "HMAC", nullptr, "MD5", nullptr, key.data(), key.size(),
-                        reinterpret_cast<const unsigned char*>(data.data()), data.size(), out, sizeof out, &outLen),
+    EXPECT_NE(EVP_Q_mac(nullptr, "HMAC", nullptr, "MD5", nullptr, key.data(), key.size(), bytes(data), data.size(), out,
+                        sizeof out, &outLen),
               nullptr);
     return std::string(reinterpret_cast<char*>(out), 16);
 }
@@ -98,6 +87,7 @@ struct Type3 {
     std::string raw, lm, nt, domain, user, workstation, sessionKey;
     uint32_t flags = 0;
     unsigned payloadStart = 0xFFFFFFFF;
+    std::string names() const { return domain + user + workstation; }
 };
 
 Type3 parseType3(const std::string& text) {
@@ -123,11 +113,15 @@ Type3 parseType3(const std::string& text) {
 // An object released at the end of the test, with the common inputs set.
 class NtlmFixture : public ::testing::Test {
 protected:
-    void SetUp() override {
+    void SetUp() override { fresh(true); }
+    // A new object in place of the old; without the hooks it uses the clock
+    // and a random client challenge.
+    void fresh(bool testHooks) {
         m_ntlm = ClsNtlm::createNewCls();
         ASSERT_NE(m_ntlm, nullptr);
         m_holder.setClsBasePtr(m_ntlm);
         set("User", "Password", "Domain", "COMPUTER");
+        if (!testHooks) return;
         m_ntlm->setClientChallengeForTesting(kClientChallenge);
         m_ntlm->setTimestampForTesting(0);
     }
@@ -188,32 +182,26 @@ TEST(NtlmPrimitives, Md4MatchesRfc1320AndBlockBoundaries) {
     unsigned char out[16];
     for (const auto& [in, expected] : vectors) {
         ntlm::md4(in.data(), in.size(), out);
-        EXPECT_EQ(hex(std::string(reinterpret_cast<char*>(out), 16)), expected) << in.size() << " bytes: " << in;
+        EXPECT_EQ(hex(out, 16), expected) << in.size() << " bytes: " << in;
     }
 }
 
-TEST(NtlmPrimitives, DesAndDeslMatchKnownVectors) {
+TEST(NtlmPrimitives, DesAndKeyExpansionMatchKnownVectors) {
     ASSERT_TRUE(ntlm::desAvailable()) << "the legacy provider is installed on the build machine";
     const std::string key = unhex("133457799bbcdff1"), plain = unhex("0123456789abcdef");
-    unsigned char out[24];
-    ASSERT_TRUE(ntlm::desEncryptBlock(reinterpret_cast<const unsigned char*>(key.data()),
-                                      reinterpret_cast<const unsigned char*>(plain.data()), out));
-    EXPECT_EQ(hex(std::string(reinterpret_cast<char*>(out), 8)), "85e813540f0ab405");
+    unsigned char out[8];
+    ASSERT_TRUE(ntlm::desEncryptBlock(bytes(key), bytes(plain), out));
+    EXPECT_EQ(hex(out, 8), "85e813540f0ab405");
 
     // 7 bytes of all ones spread over 8 bytes: seven key bits each, odd parity.
     const unsigned char ones[7] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
     unsigned char key8[8];
     ntlm::desExpandKey(ones, key8);
-    EXPECT_EQ(hex(std::string(reinterpret_cast<char*>(key8), 8)), "fefefefefefefefe");
+    EXPECT_EQ(hex(key8, 8), "fefefefefefefefe");
     const unsigned char mixed[7] = {0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd};
     ntlm::desExpandKey(mixed, key8);
-    EXPECT_EQ(hex(std::string(reinterpret_cast<char*>(key8), 8)), "0191d0ad794cae9b");
-
-    // MS-NLMP 4.2.2: DESL(NTOWFv1("Password"), server challenge).
-    const std::string ntHash = unhex("a4f49c406510bdcab6824ee7c30fd852");
-    ASSERT_TRUE(ntlm::desl(reinterpret_cast<const unsigned char*>(ntHash.data()),
-                           reinterpret_cast<const unsigned char*>(kServerChallenge.data()), out));
-    EXPECT_EQ(hex(std::string(reinterpret_cast<char*>(out), 24)), "67c43011f30298a2ad35ece64f16331c44bdbed927841f94");
+    EXPECT_EQ(hex(key8, 8), "0191d0ad794cae9b");
+    // DESL is pinned by the NTLMv1 NT response of NtlmV1MatchesVector.
 }
 
 TEST(NtlmPrimitives, Utf16ConversionAndUpperCase) {
@@ -273,9 +261,7 @@ TEST_F(NtlmFixture, NtlmV1MatchesVector) {
     const Type3 t = answer(type2(kV1Flags));
     EXPECT_EQ(hex(t.lm), "98def7b87f88aa5dafe2df779688a172def11c7d5ccdef13");
     EXPECT_EQ(hex(t.nt), "67c43011f30298a2ad35ece64f16331c44bdbed927841f94");
-    EXPECT_EQ(t.domain, u16("Domain"));
-    EXPECT_EQ(t.user, u16("User"));
-    EXPECT_EQ(t.workstation, u16("COMPUTER"));
+    EXPECT_EQ(t.names(), u16("DomainUserCOMPUTER"));
     EXPECT_TRUE(t.sessionKey.empty());
     EXPECT_EQ(t.payloadStart, 64u);
     // What both sides asked for: no KEY_EXCH, SIGN or SEAL (never requested),
@@ -298,9 +284,7 @@ TEST_F(NtlmFixture, NtlmV2MatchesVector) {
     EXPECT_EQ(hex(t.nt.substr(0, 16)), "68cd0ab851e51c96aabc927bebef6a1c");
     const std::string temp = unhex("01010000000000000000000000000000aaaaaaaaaaaaaaaa00000000") + kTargetInfo + le32(0);
     EXPECT_EQ(hex(t.nt.substr(16)), hex(temp));
-    EXPECT_EQ(t.domain, u16("Domain"));
-    EXPECT_EQ(t.user, u16("User"));
-    EXPECT_EQ(t.workstation, u16("COMPUTER"));
+    EXPECT_EQ(t.names(), u16("DomainUserCOMPUTER"));
     EXPECT_EQ(t.payloadStart, 64u) << "no MIC without a server timestamp";
 }
 
@@ -309,16 +293,13 @@ TEST_F(NtlmFixture, DomainInUserNameAndOemStrings) {
     set("Domain\\User", "Password", "", "COMPUTER");
     Type3 t = answer(type2(kV2Flags, kTargetInfo));
     EXPECT_EQ(hex(t.nt.substr(0, 16)), "68cd0ab851e51c96aabc927bebef6a1c");
-    EXPECT_EQ(t.domain, u16("Domain"));
-    EXPECT_EQ(t.user, u16("User"));
+    EXPECT_EQ(t.names(), u16("DomainUserCOMPUTER"));
 
     // Without NEGOTIATE_UNICODE the strings are 8-bit; the hashes are not.
     set("User", "Password", "Domain", "COMPUTER");
     t = answer(type2((kV2Flags & ~1u) | 2u, kTargetInfo));
     EXPECT_EQ(hex(t.nt.substr(0, 16)), "68cd0ab851e51c96aabc927bebef6a1c");
-    EXPECT_EQ(t.user, "User");
-    EXPECT_EQ(t.domain, "Domain");
-    EXPECT_EQ(t.workstation, "COMPUTER");
+    EXPECT_EQ(t.names(), "DomainUserCOMPUTER");
     EXPECT_EQ(t.flags & 3u, 2u);
 }
 
@@ -406,17 +387,10 @@ TEST_F(NtlmFixture, TimestampAndClientChallengeSources) {
     EXPECT_EQ(hex(t.nt.substr(0, 16)), hex(hmacMd5(kResponseKeyNtV2, kServerChallenge + t.nt.substr(16))));
 
     // Without the hooks: the current time and a random client challenge.
-    ClsNtlm* fresh[2] = {ClsNtlm::createNewCls(), ClsNtlm::createNewCls()};
-    _clsBaseHolder holders[2];
     std::string clientChallenges[2];
     for (int i = 0; i < 2; ++i) {
-        ASSERT_NE(fresh[i], nullptr);
-        holders[i].setClsBasePtr(fresh[i]);
-        XString u("User"), p("Password"), in(b64(type2(kV2Flags, kTargetInfo)).c_str()), out;
-        fresh[i]->put_UserName(u);
-        fresh[i]->put_Password(p);
-        ASSERT_TRUE(fresh[i]->genType3(in, out, m_log)) << m_log.toText();
-        const Type3 r = parseType3(out.getUtf8());
+        fresh(false);
+        const Type3 r = answer(type2(kV2Flags, kTargetInfo));
         const uint64_t stamp = rd32(r.nt, 24) | uint64_t(rd32(r.nt, 28)) << 32;
         const auto now = std::chrono::system_clock::now().time_since_epoch();
         const uint64_t nowFiletime =
@@ -442,19 +416,19 @@ TEST_F(NtlmFixture, PasswordIsSpentAndInputsAreChecked) {
     set("User", "bad\xc3", "Domain", "COMPUTER");
     EXPECT_EQ(refusal(b64(type2(kV2Flags, kTargetInfo))), "NTLM password is not valid UTF-8");
 
-    for (int v : {2, 0, 3, -1}) {
+    // Anything but 1 means 2.
+    const std::pair<int, int> versions[] = {{2, 2}, {0, 2}, {3, 2}, {-1, 2}, {1, 1}};
+    for (const auto& [v, kept] : versions) {
         m_ntlm->put_NtlmVersion(v);
-        EXPECT_EQ(m_ntlm->get_NtlmVersion(), 2) << v;
+        EXPECT_EQ(m_ntlm->get_NtlmVersion(), kept) << v;
     }
-    m_ntlm->put_NtlmVersion(1);
-    EXPECT_EQ(m_ntlm->get_NtlmVersion(), 1);
 }
 
 // --------------------------------------------------- hostile Type 2 ----
 
 TEST_F(NtlmFixture, MalformedType2IsRefused) {
     const std::string good = type2(kV2Flags, kTargetInfo);
-    auto patched = [&](size_t at, const std::string& bytes) { return std::string(good).replace(at, bytes.size(), bytes); };
+    auto patched = [&](size_t at, const std::string& with) { return std::string(good).replace(at, with.size(), with); };
     const uint32_t infoFlag = 0x00800000;
 
     EXPECT_EQ(refusal(""), "NTLM Type 2 message is empty");

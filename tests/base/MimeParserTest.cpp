@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "zrimap/engine.h"
 
 using namespace zr;
@@ -15,44 +17,39 @@ const char* const kHeader =
     "Subject: hi\r\n"
     "\r\n"
     "X-In-Body: not a header\r\n";
+
+// The value found, or "<none>"; a failed lookup must also empty the output.
+std::string lookup(bool (*find)(const char*, const char*, StringBuffer&), const char* in, const char* name) {
+    StringBuffer v("stale");
+    if (find(in, name, v)) return v.getString();
+    return v.getSize() ? std::string("<none, output left as ") + v.getString() + ">" : "<none>";
 }
+std::string field(const char* header, const char* name) { return lookup(MimeParser::getHeaderField, header, name); }
+std::string sub(const char* value, const char* name) { return lookup(MimeParser::getSubField, value, name); }
+}  // namespace
 
 TEST(MimeParser, HeaderFieldUnfoldsAndIgnoresCase) {
-    StringBuffer v;
-    ASSERT_TRUE(MimeParser::getHeaderField(kHeader, "Content-Type", v));
-    EXPECT_STREQ(v.getString(), "multipart/mixed; boundary=\"==b1; x=\\\"q\\\"\";\tcharset=utf-8");
-    ASSERT_TRUE(MimeParser::getHeaderField(kHeader, "received", v));
-    EXPECT_STREQ(v.getString(), "from a\tby b");
-    EXPECT_TRUE(MimeParser::getHeaderField(kHeader, "SUBJECT", v));
-    EXPECT_STREQ(v.getString(), "hi");
-    EXPECT_FALSE(MimeParser::getHeaderField(kHeader, "X-In-Body", v));  // after the blank line
-    EXPECT_FALSE(MimeParser::getHeaderField(kHeader, "Content", v));    // whole names only
-    EXPECT_STREQ(v.getString(), "");
-    EXPECT_FALSE(MimeParser::getHeaderField(nullptr, "From", v));
-    EXPECT_FALSE(MimeParser::getHeaderField(kHeader, nullptr, v));
+    EXPECT_EQ(field(kHeader, "Content-Type"), "multipart/mixed; boundary=\"==b1; x=\\\"q\\\"\";\tcharset=utf-8");
+    EXPECT_EQ(field(kHeader, "received"), "from a\tby b");
+    EXPECT_EQ(field(kHeader, "SUBJECT"), "hi");
+    EXPECT_EQ(field(kHeader, "X-In-Body"), "<none>");  // after the blank line
+    EXPECT_EQ(field(kHeader, "Content"), "<none>");    // whole names only
+    EXPECT_EQ(field(nullptr, "From"), "<none>");
+    EXPECT_EQ(field(kHeader, nullptr), "<none>");
     // Bare LF line ends and a space before the colon.
-    EXPECT_TRUE(MimeParser::getHeaderField("A: 1\nContent-Type : text/plain\n more\n", "content-type", v));
-    EXPECT_STREQ(v.getString(), "text/plain more");
+    EXPECT_EQ(field("A: 1\nContent-Type : text/plain\n more\n", "content-type"), "text/plain more");
 }
 
 TEST(MimeParser, SubFieldHandlesQuotesAndNeighbours) {
-    StringBuffer ct, v;
-    ASSERT_TRUE(MimeParser::getHeaderField(kHeader, "Content-Type", ct));
-    ASSERT_TRUE(MimeParser::getSubField(ct.getString(), "boundary", v));
-    EXPECT_STREQ(v.getString(), "==b1; x=\"q\"");
-    ASSERT_TRUE(MimeParser::getSubField(ct.getString(), "CHARSET", v));
-    EXPECT_STREQ(v.getString(), "utf-8");
-    // "x" only appears inside another parameter's quotes.
-    EXPECT_FALSE(MimeParser::getSubField(ct.getString(), "x", v));
-    EXPECT_FALSE(MimeParser::getSubField("text/plain; xboundary=1", "boundary", v));
-    EXPECT_TRUE(MimeParser::getSubField("attachment;filename=a.pdf;size=3", "filename", v));
-    EXPECT_STREQ(v.getString(), "a.pdf");
-    EXPECT_TRUE(MimeParser::getSubField("multipart/mixed; boundary = plain-token ", "boundary", v));
-    EXPECT_STREQ(v.getString(), "plain-token");
-    EXPECT_TRUE(MimeParser::getSubField("a/b; boundary=\"\"", "boundary", v));
-    EXPECT_STREQ(v.getString(), "");
-    EXPECT_TRUE(MimeParser::getSubField("a/b; boundary=\"unterminated", "boundary", v));
-    EXPECT_STREQ(v.getString(), "unterminated");
-    EXPECT_FALSE(MimeParser::getSubField("", "boundary", v));
-    EXPECT_FALSE(MimeParser::getSubField(nullptr, "boundary", v));
+    const std::string ct = field(kHeader, "Content-Type");
+    EXPECT_EQ(sub(ct.c_str(), "boundary"), "==b1; x=\"q\"");
+    EXPECT_EQ(sub(ct.c_str(), "CHARSET"), "utf-8");
+    EXPECT_EQ(sub(ct.c_str(), "x"), "<none>");  // only inside another parameter's quotes
+    EXPECT_EQ(sub("text/plain; xboundary=1", "boundary"), "<none>");
+    EXPECT_EQ(sub("attachment;filename=a.pdf;size=3", "filename"), "a.pdf");
+    EXPECT_EQ(sub("multipart/mixed; boundary = plain-token ", "boundary"), "plain-token");
+    EXPECT_EQ(sub("a/b; boundary=\"\"", "boundary"), "");
+    EXPECT_EQ(sub("a/b; boundary=\"unterminated", "boundary"), "unterminated");
+    EXPECT_EQ(sub("", "boundary"), "<none>");
+    EXPECT_EQ(sub(nullptr, "boundary"), "<none>");
 }

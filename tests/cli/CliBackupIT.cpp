@@ -37,7 +37,7 @@ std::map<uint32_t, std::string> fill(const std::string& box, int count, const st
 }
 
 RunResult backup(const std::string& box, const std::string& dir, RunOptions o = as("bob")) {
-    return runTool(cat(cat({"--json"}, server("bob")), {"backup", box, dir}), o);
+    return runTool(argsFor("bob", {"backup", box, dir}, {"--json"}), o);
 }
 
 }  // namespace
@@ -138,9 +138,7 @@ TEST(CliBackup, RenumberedMailboxIsRefused) {
     uint32_t after = parseJson(toolJson("bob", {"status", box}))["uidvalidity"];
     ASSERT_NE(before, after) << "precondition: the server renumbered the mailbox";
 
-    RunResult refused = runTool(cat(server("bob"), {"backup", box, dir}), as("bob"));
-    expectCleanError(refused, 1, "UIDVALIDITY");
-    EXPECT_NE(refused.err.find(std::to_string(before)), std::string::npos);
-    EXPECT_NE(refused.err.find(std::to_string(after)), std::string::npos);
+    // The refusal's text: CliMaildirBackup.RefusesAnotherNumberingOrMailbox.
+    expectCleanError(tool("bob", {"backup", box, dir}), 1, "UIDVALIDITY");
     EXPECT_EQ(storedFiles(dir), filesBefore) << "the old backup is left as it was";
 }

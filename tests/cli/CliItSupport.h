@@ -2,16 +2,13 @@
 // Dovecot's address, password handling, and checks of the tool's output.
 #pragma once
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "CliTestSupport.h"
 #include "ItSession.h"
 #include "ToolRunner.h"
 
@@ -42,12 +39,18 @@ inline std::vector<std::string> cat(std::vector<std::string> a, const std::vecto
     return a;
 }
 
-// zrimap [--url ... --plain] ARGS as user, password from the environment.
-inline RunResult tool(const std::string& user, const std::vector<std::string>& args) {
-    return runTool(cat(server(user), args), as(user));
+// zrimap GLOBAL --url ... --plain ARGS.
+inline std::vector<std::string> argsFor(const std::string& user, const std::vector<std::string>& args,
+                                        const std::vector<std::string>& global = {}) {
+    return cat(cat(global, server(user)), args);
+}
+// The same as user, password from the environment.
+inline RunResult tool(const std::string& user, const std::vector<std::string>& args,
+                      const std::vector<std::string>& global = {}) {
+    return runTool(argsFor(user, args, global), as(user));
 }
 inline RunResult toolJson(const std::string& user, const std::vector<std::string>& args) {
-    return runTool(cat(cat({"--json"}, server(user)), args), as(user));
+    return tool(user, args, {"--json"});
 }
 
 inline std::string describe(const RunResult& r) {
@@ -78,24 +81,6 @@ inline Json parseJson(const RunResult& r) {
     }
 }
 
-inline std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-inline void writeFile(const std::string& path, const std::string& data) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << data;
-}
-
-inline std::string makeTempDir(const std::string& tag) {
-    std::string tmpl = ::testing::TempDir() + "/cli-" + tag + "-XXXXXX";
-    if (!mkdtemp(tmpl.data())) ADD_FAILURE() << "mkdtemp failed";
-    return tmpl;
-}
-
 // A small RFC 5322 message with CRLF line ends, so the server keeps it byte for byte.
 inline std::string sampleMessage(const std::string& subject, const std::string& body = "Hello.") {
     return "From: Bob <bob@localhost>\r\nTo: Bob <bob@localhost>\r\nSubject: " + subject +
@@ -115,7 +100,7 @@ inline uint32_t appendText(const std::string& user, const std::string& mailbox, 
                            const std::vector<std::string>& extra = {}) {
     RunOptions o = as(user);
     o.input = mime;
-    RunResult r = runTool(cat(cat(cat({"--json"}, server(user)), {"append", mailbox, "-"}), extra), o);
+    RunResult r = runTool(argsFor(user, cat({"append", mailbox, "-"}, extra), {"--json"}), o);
     EXPECT_EQ(r.exitCode, 0) << describe(r);
     Json j = parseJson(r);
     if (!j.is_object() || !j["uid"].is_number()) {
@@ -123,20 +108,6 @@ inline uint32_t appendText(const std::string& user, const std::string& mailbox, 
         return 0;
     }
     return j["uid"].get<uint32_t>();
-}
-
-// The names in a directory, sorted; empty when it does not exist.
-inline std::vector<std::string> listDir(const std::string& dir) {
-    std::vector<std::string> names;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d)) {
-            std::string n = e->d_name;
-            if (n != "." && n != "..") names.push_back(n);
-        }
-        closedir(d);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 }  // namespace clitest

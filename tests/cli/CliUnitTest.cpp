@@ -3,9 +3,8 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 
-#include "CliError.h"
+#include "CliTestSupport.h"
 #include "Commands.h"
 #include "Credentials.h"
 #include "Options.h"
@@ -14,18 +13,9 @@
 
 using namespace zr;
 using namespace zr::cli;
+using namespace zr::clitest;
 
 namespace {
-
-// The exit code and text of the CliError f throws; 0 and "" when it throws none.
-std::pair<int, std::string> failure(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const CliError& e) {
-        return {e.code(), e.what()};
-    }
-    return {0, ""};
-}
 
 int usageCode(const std::vector<std::string>& argv) {
     return failure([&] { parseCommandLine(argv); }).first;
@@ -51,14 +41,11 @@ TEST(CliOptions, GlobalOptionsBeforeTheSubcommand) {
 }
 
 TEST(CliOptions, BadGlobalOptionsAreUsageErrors) {
-    EXPECT_EQ(usageCode({"--frobnicate", "list"}), kExitUsage);
-    EXPECT_EQ(usageCode({"--port", "70000", "list"}), kExitUsage);
-    EXPECT_EQ(usageCode({"--port", "12a", "list"}), kExitUsage);
-    EXPECT_EQ(usageCode({"--timeout"}), kExitUsage);
-    EXPECT_EQ(usageCode({"--auth", "kerberos", "list"}), kExitUsage);
-    EXPECT_EQ(usageCode({"--tls", "--plain", "list"}), kExitUsage);
-    EXPECT_EQ(usageCode({"--insecure", "--ca-file", "x.pem", "list"}), kExitUsage);
-    EXPECT_EQ(usageCode({"--json=yes", "list"}), kExitUsage);
+    for (const std::vector<std::string>& argv : std::vector<std::vector<std::string>>{
+             {"--frobnicate", "list"}, {"--port", "70000", "list"}, {"--port", "12a", "list"}, {"--timeout"},
+             {"--auth", "kerberos", "list"}, {"--tls", "--plain", "list"}, {"--insecure", "--ca-file", "x.pem", "list"},
+             {"--json=yes", "list"}})
+        EXPECT_EQ(usageCode(argv), kExitUsage) << ::testing::PrintToString(argv);
     EXPECT_EQ(usageCode({"--tls", "--tls", "list"}), 0);
 }
 
@@ -97,20 +84,19 @@ TEST(CliOptions, SubcommandArguments) {
 }
 
 TEST(CliOptions, SubcommandMisuseNamesTheProblem) {
-    const Command* fetch = findCommand("fetch");
-    EXPECT_NE(errorText([&] { parseCommandArgs(fetch->spec, {"INBOX"}); }).find("usage: zrimap fetch"),
-              std::string::npos);
-    EXPECT_NE(errorText([&] { parseCommandArgs(fetch->spec, {"INBOX", "1", "--bogus"}); }).find("--bogus"),
-              std::string::npos);
-    // A global option after the subcommand is pointed out as such.
-    EXPECT_NE(errorText([&] { parseCommandArgs(fetch->spec, {"INBOX", "1", "--url", "x"}); })
-                  .find("before the subcommand"),
-              std::string::npos);
-    const Command* rename = findCommand("rename");
-    EXPECT_NE(errorText([&] { parseCommandArgs(rename->spec, {"a", "b", "c"}); }).find("'c'"), std::string::npos);
-    const Command* flags = findCommand("flags");
-    EXPECT_NE(errorText([&] { parseCommandArgs(flags->spec, {"INBOX", "1", "--add"}); }).find("at least one"),
-              std::string::npos);
+    struct Case { const char* command; std::vector<std::string> args; const char* fragment; };
+    const Case cases[] = {
+        {"fetch", {"INBOX"}, "usage: zrimap fetch"},
+        {"fetch", {"INBOX", "1", "--bogus"}, "--bogus"},
+        {"fetch", {"INBOX", "1", "--url", "x"}, "before the subcommand"},  // a global option, pointed out as such
+        {"rename", {"a", "b", "c"}, "'c'"},
+        {"flags", {"INBOX", "1", "--add"}, "at least one"},
+    };
+    for (const Case& c : cases) {
+        auto [code, text] = failure([&] { parseCommandArgs(findCommand(c.command)->spec, c.args); });
+        EXPECT_EQ(code, kExitUsage) << c.command;
+        EXPECT_NE(text.find(c.fragment), std::string::npos) << c.command << ": " << text;
+    }
 }
 
 TEST(CliOptions, EveryCommandHasHelp) {
@@ -205,10 +191,7 @@ TEST(CliNetrc, ParsesTheUsualGrammar) {
 
 TEST(CliNetrc, CredentialsComeFromEnvironmentThenNetrc) {
     std::string path = ::testing::TempDir() + "/cli-unit-netrc";
-    {
-        std::ofstream out(path);
-        out << "machine imap.test login dora password from-netrc\n";
-    }
+    writeFile(path, "machine imap.test login dora password from-netrc\n");
     setenv("NETRC", path.c_str(), 1);
     unsetenv("ZRIMAP_PASSWORD");
     Credentials c = resolveCredentials("imap.test", "", false);

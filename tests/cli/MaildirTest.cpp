@@ -4,37 +4,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
+#include <vector>
 
-#include "CliError.h"
+#include "CliTestSupport.h"
 #include "Maildir.h"
 
 using namespace zr;
 using namespace zr::cli;
+using namespace zr::clitest;
 
 namespace {
-
-std::string makeTempDir() {
-    std::string tmpl = ::testing::TempDir() + "/cli-maildir-XXXXXX";
-    char* made = mkdtemp(tmpl.data());
-    EXPECT_NE(made, nullptr);
-    return tmpl;
-}
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void writeFile(const std::string& path, const std::string& text) {
-    std::ofstream out(path, std::ios::binary);
-    out << text;
-}
 
 Message message(uint32_t uid, const std::string& text, Flags flags = {}, std::string date = "") {
     Message m;
@@ -43,16 +23,6 @@ Message message(uint32_t uid, const std::string& text, Flags flags = {}, std::st
     m.flags = std::move(flags);
     m.internalDate = std::move(date);
     return m;
-}
-
-int failureCode(const std::function<void()>& f, std::string* text = nullptr) {
-    try {
-        f();
-    } catch (const CliError& e) {
-        if (text) *text = e.what();
-        return e.code();
-    }
-    return 0;
 }
 
 }  // namespace
@@ -83,7 +53,7 @@ TEST(CliMaildirNames, InternalDates) {
 }
 
 TEST(CliMaildirBackup, StoresIntoCurThroughTmp) {
-    std::string dir = makeTempDir() + "/deeper/box";
+    std::string dir = makeTempDir("maildir") + "/deeper/box";
     MaildirBackup b(dir);
     b.prepare("INBOX", 777);
     for (const char* sub : {"/cur", "/new", "/tmp"}) {
@@ -107,7 +77,7 @@ TEST(CliMaildirBackup, StoresIntoCurThroughTmp) {
 }
 
 TEST(CliMaildirBackup, ResumesFromWhatIsThere) {
-    std::string dir = makeTempDir();
+    std::string dir = makeTempDir("maildir");
     {
         MaildirBackup first(dir);
         first.prepare("Work", 5);
@@ -131,38 +101,33 @@ TEST(CliMaildirBackup, ResumesFromWhatIsThere) {
 }
 
 TEST(CliMaildirBackup, RefusesAnotherNumberingOrMailbox) {
-    std::string dir = makeTempDir();
+    std::string dir = makeTempDir("maildir");
     {
         MaildirBackup b(dir);
         b.prepare("INBOX", 100);
         b.store(message(1, "one"));
     }
-    std::string text;
-    MaildirBackup renumbered(dir);
-    EXPECT_EQ(failureCode([&] { renumbered.prepare("INBOX", 101); }, &text), kExitFailed);
-    EXPECT_NE(text.find("UIDVALIDITY"), std::string::npos);
-    EXPECT_NE(text.find("100"), std::string::npos);
-    EXPECT_NE(text.find("101"), std::string::npos);
+    // Refused with exit code 1 and a message naming each of `parts`.
+    auto refuses = [&](const std::string& mailbox, uint32_t uidValidity, std::vector<std::string> parts) {
+        MaildirBackup b(dir);
+        auto [code, text] = failure([&] { b.prepare(mailbox, uidValidity); });
+        EXPECT_EQ(code, kExitFailed) << mailbox << " " << uidValidity;
+        for (const std::string& part : parts) EXPECT_NE(text.find(part), std::string::npos) << text;
+    };
+    refuses("INBOX", 101, {"UIDVALIDITY", "100", "101"});
     EXPECT_EQ(readBackupState(dir)->uidValidity, 100u) << "a refused run must not rewrite the state";
-
-    MaildirBackup other(dir);
-    EXPECT_EQ(failureCode([&] { other.prepare("Sent", 100); }, &text), kExitFailed);
-    EXPECT_NE(text.find("\"INBOX\""), std::string::npos);
+    refuses("Sent", 100, {"\"INBOX\""});
 
     // Without the state file the names alone still reveal the old numbering.
     ASSERT_EQ(unlink((dir + "/.zrimap-backup").c_str()), 0);
-    MaildirBackup noState(dir);
-    EXPECT_EQ(failureCode([&] { noState.prepare("INBOX", 101); }), kExitFailed);
-
+    refuses("INBOX", 101, {});
     writeFile(dir + "/.zrimap-backup", "garbage\n");
-    MaildirBackup damaged(dir);
-    EXPECT_EQ(failureCode([&] { damaged.prepare("INBOX", 100); }, &text), kExitFailed);
-    EXPECT_NE(text.find("damaged"), std::string::npos);
+    refuses("INBOX", 100, {"damaged"});
 }
 
 TEST(CliMaildirBackup, UnusableDirectoryIsALocalError) {
-    std::string dir = makeTempDir();
+    std::string dir = makeTempDir("maildir");
     writeFile(dir + "/file", "x");
     MaildirBackup b(dir + "/file");
-    EXPECT_EQ(failureCode([&] { b.prepare("INBOX", 1); }), kExitLocalIo);
+    EXPECT_EQ(failure([&] { b.prepare("INBOX", 1); }).first, kExitLocalIo);
 }

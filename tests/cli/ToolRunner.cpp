@@ -7,10 +7,10 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
+
+#include "CliTestSupport.h"
 
 #ifndef ZRIMAP_TOOL_PATH
 #error "ZRIMAP_TOOL_PATH must name the zrimap executable"
@@ -19,23 +19,12 @@
 namespace zr {
 namespace clitest {
 
-namespace {
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-}  // namespace
-
 ToolProcess::ToolProcess(const std::vector<std::string>& args, const RunOptions& options)
     : m_timeoutSeconds(options.timeoutSeconds) {
     char tmpl[] = "/tmp/zrimap-tool-XXXXXX";
     if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
     m_dir = tmpl;
-    std::ofstream(m_dir + "/in", std::ios::binary) << options.input;
+    writeFile(m_dir + "/in", options.input);
     const std::string in = m_dir + "/in", out = m_dir + "/out", err = m_dir + "/err";
     std::vector<std::string> argv{ZRIMAP_TOOL_PATH};
     argv.insert(argv.end(), args.begin(), args.end());
@@ -78,8 +67,9 @@ bool ToolProcess::reap(bool wait) {
 bool ToolProcess::waitFor(const std::string& text, int timeoutSeconds, bool onStdout) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
     const std::string file = m_dir + (onStdout ? "/out" : "/err");
-    while (slurp(file).find(text) == std::string::npos) {
-        if (reap(false) || std::chrono::steady_clock::now() >= end) return slurp(file).find(text) != std::string::npos;
+    while (readFile(file).find(text) == std::string::npos) {
+        if (reap(false) || std::chrono::steady_clock::now() >= end)
+            return readFile(file).find(text) != std::string::npos;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     return true;
@@ -100,8 +90,8 @@ RunResult ToolProcess::finish() {
     RunResult r;
     if (WIFEXITED(m_status)) r.exitCode = WEXITSTATUS(m_status);
     if (WIFSIGNALED(m_status)) r.signal = WTERMSIG(m_status);
-    r.out = slurp(m_dir + "/out");
-    r.err = slurp(m_dir + "/err");
+    r.out = readFile(m_dir + "/out");
+    r.err = readFile(m_dir + "/err");
     return r;
 }
 

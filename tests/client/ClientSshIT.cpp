@@ -4,24 +4,21 @@
 // by tests/integration/SshTunnelIT.cpp.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 
+#include "ItSession.h"
 #include "zrimap/client.h"
 
 using namespace zr;
+using zr::it::env;
+using zr::it::envPort;
 
 namespace {
-
-std::string env(const char* name) {
-    const char* v = std::getenv(name);
-    return v ? v : "";
-}
 
 ServerSettings settings(Security security) {
     ServerSettings s;
     s.host = "127.0.0.1";
-    s.port = std::atoi(env(security == Security::Tls ? "ZRIMAP_IMAPS_PORT" : "ZRIMAP_IMAP_PORT").c_str());
+    s.port = envPort(security == Security::Tls ? "ZRIMAP_IMAPS_PORT" : "ZRIMAP_IMAP_PORT");
     s.security = security;
     s.caFile = env("ZRIMAP_CA_FILE");
     s.user = "bob";
@@ -29,7 +26,7 @@ ServerSettings settings(Security security) {
     s.timeoutSeconds = 20;
     SshSettings ssh;
     ssh.host = "127.0.0.1";
-    ssh.port = std::atoi(env("ZRIMAP_SSH_PORT").c_str());
+    ssh.port = envPort("ZRIMAP_SSH_PORT");
     ssh.user = "imaptest";
     ssh.password = "imaptest-pw";
     s.ssh = ssh;

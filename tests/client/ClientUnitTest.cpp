@@ -96,7 +96,7 @@ TEST(ServerSettingsFromUrl, MalformedUrlsAreRefusedWithAReason) {
 // ---------------------------------------------------------------------------
 // Modified UTF-7
 
-TEST(MailboxNameCoding, KnownNamesBothWays) {
+TEST(MailboxNameCoding, KnownNamesBothWaysAndInvalidUtf8) {
     const std::pair<std::string, std::string> cases[] = {
         {"~peter/mail/\xE5\x8F\xB0\xE5\x8C\x97/\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E",
          "~peter/mail/&U,BTFw-/&ZeVnLIqe-"},
@@ -112,11 +112,9 @@ TEST(MailboxNameCoding, KnownNamesBothWays) {
         EXPECT_EQ(encodeMailboxName(utf8), wire);
         EXPECT_EQ(decodeMailboxName(wire), utf8) << wire;
     }
-}
-
-TEST(MailboxNameCoding, InvalidUtf8IsEncodedAsReplacementCharacter) {
+    // Invalid UTF-8 goes out as U+FFFD, one per bad byte (an overlong '/' is two).
     EXPECT_EQ(encodeMailboxName("a\xFF" "b"), "a&,,0-b");
-    EXPECT_EQ(encodeMailboxName("\xC0\xAF"), "&,,3,,Q-");  // overlong '/': two bad bytes
+    EXPECT_EQ(encodeMailboxName("\xC0\xAF"), "&,,3,,Q-");
 }
 
 TEST(MailboxNameCoding, InvalidInputIsReturnedAsItStands) {
@@ -198,29 +196,29 @@ MailboxEntry listEntry(const std::string& responseText, bool expectOk = true) {
 }
 
 TEST(ListParsing, AtomsQuotedNamesEscapesAndNil) {
-    MailboxEntry inbox = listEntry("* LIST (\\HasNoChildren) \"/\" INBOX\r\n");
-    EXPECT_EQ(inbox.name, "INBOX");
-    EXPECT_EQ(inbox.delimiter, "/");
-    EXPECT_EQ(inbox.attributes, std::vector<std::string>{"\\HasNoChildren"});
-    EXPECT_TRUE(inbox.selectable());
-
-    MailboxEntry quoted = listEntry("* LIST (\\Noselect \\HasChildren) \".\" \"a \\\"b\\\" \\\\c\"\r\n");
-    EXPECT_EQ(quoted.rawName, "a \"b\" \\c");
-    EXPECT_EQ(quoted.delimiter, ".");
-    EXPECT_FALSE(quoted.selectable());
-
-    MailboxEntry flat = listEntry("* LSUB (\\NonExistent) NIL \"Top\"\r\n");
-    EXPECT_EQ(flat.delimiter, "");
-    EXPECT_EQ(flat.name, "Top");
-    EXPECT_FALSE(flat.selectable());
-
-    MailboxEntry encoded = listEntry("* LIST () \"/\" \"Archiv/&ZeVnLIqe-\" (\"CHILDINFO\" (\"SUBSCRIBED\"))\r\n");
-    EXPECT_EQ(encoded.rawName, "Archiv/&ZeVnLIqe-");
-    EXPECT_EQ(encoded.name, "Archiv/\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E");
-    EXPECT_TRUE(encoded.attributes.empty());
-
-    MailboxEntry bracketed = listEntry("* LIST (\\HasNoChildren) \"/\" [Gmail]/Sent\r\n");
-    EXPECT_EQ(bracketed.name, "[Gmail]/Sent");
+    const std::vector<std::string> none, noChildren{"\\HasNoChildren"};
+    const struct {
+        const char *response, *rawName, *name, *delimiter;
+        std::vector<std::string> attributes;
+        bool selectable;
+    } cases[] = {
+        {"* LIST (\\HasNoChildren) \"/\" INBOX\r\n", "INBOX", "INBOX", "/", noChildren, true},
+        {"* LIST (\\Noselect \\HasChildren) \".\" \"a \\\"b\\\" \\\\c\"\r\n", "a \"b\" \\c", "a \"b\" \\c", ".",
+         {"\\Noselect", "\\HasChildren"}, false},
+        {"* LSUB (\\NonExistent) NIL \"Top\"\r\n", "Top", "Top", "", {"\\NonExistent"}, false},
+        {"* LIST () \"/\" \"Archiv/&ZeVnLIqe-\" (\"CHILDINFO\" (\"SUBSCRIBED\"))\r\n", "Archiv/&ZeVnLIqe-",
+         "Archiv/\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E", "/", none, true},
+        {"* LIST (\\HasNoChildren) \"/\" [Gmail]/Sent\r\n", "[Gmail]/Sent", "[Gmail]/Sent", "/", noChildren, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.response);
+        const MailboxEntry e = listEntry(c.response);
+        EXPECT_EQ(e.rawName, c.rawName);
+        EXPECT_EQ(e.name, c.name);
+        EXPECT_EQ(e.delimiter, c.delimiter);
+        EXPECT_EQ(e.attributes, c.attributes);
+        EXPECT_EQ(e.selectable(), c.selectable);
+    }
 
     listEntry("* LIST (\\HasNoChildren) \"/\"\r\n", false);  // no name
     listEntry("* 3 EXISTS\r\n", false);
@@ -283,22 +281,17 @@ TEST(IdleReport, EngineReportIsReadBackIntoEvents) {
         ASSERT_TRUE(engine.parseAddIdleResponseLine(sb, xml, log)) << line;
     }
     xml.appendUtf8("</idle>");
-    const std::vector<IdleEvent> ev = parseIdleXml(xml.getUtf8());
-    ASSERT_EQ(ev.size(), 6u) << xml.getUtf8();
-    EXPECT_EQ(ev[0].kind, IdleEvent::Kind::Exists);
-    EXPECT_EQ(ev[0].number, 5u);
-    EXPECT_EQ(ev[1].kind, IdleEvent::Kind::Expunge);
-    EXPECT_EQ(ev[1].number, 3u);
-    EXPECT_EQ(ev[2].kind, IdleEvent::Kind::Recent);
-    EXPECT_EQ(ev[3].kind, IdleEvent::Kind::Flags);
-    EXPECT_EQ(ev[3].number, 4u);
-    EXPECT_EQ(ev[3].uid, std::optional<uint32_t>(9));
-    EXPECT_EQ(ev[3].flags, (Flags{"\\Seen", "$Label1"}));
-    EXPECT_EQ(ev[4].kind, IdleEvent::Kind::Flags);
-    EXPECT_FALSE(ev[4].uid.has_value());
-    EXPECT_TRUE(ev[4].flags.empty());
-    EXPECT_EQ(ev[5].kind, IdleEvent::Kind::Other);
-    EXPECT_EQ(ev[5].raw, "* 7 XSTRANGE <a&b>");
+    std::vector<std::string> got;  // kind number [uid N] [flags] [| raw]
+    for (const IdleEvent& e : parseIdleXml(xml.getUtf8())) {
+        static const char* const kinds[] = {"exists", "expunge", "recent", "flags", "other"};
+        std::string text = kinds[static_cast<int>(e.kind)] + (" " + std::to_string(e.number));
+        if (e.uid) text += " uid " + std::to_string(*e.uid);
+        for (const std::string& f : e.flags) text += " " + f;
+        got.push_back(e.raw.empty() ? text : text + " | " + e.raw);
+    }
+    EXPECT_EQ(got, (std::vector<std::string>{"exists 5", "expunge 3", "recent 2", "flags 4 uid 9 $Label1 \\Seen",
+                                             "flags 6", "other 0 | * 7 XSTRANGE <a&b>"}))
+        << xml.getUtf8();
     EXPECT_TRUE(parseIdleXml("<idle></idle>").empty());
 }
 
@@ -324,22 +317,21 @@ TEST(UidSets, CompactSortedAndSplitByLength) {
     EXPECT_TRUE(compactUidSets({}).empty());
     EXPECT_EQ(compactUidSets({4294967295u, 4294967294u}), std::vector<std::string>{"4294967294:4294967295"});
 
+    // Without ranges the sets are plain lists, together the whole input.
     std::vector<uint32_t> odd;
-    for (uint32_t u = 1; u < 2000; u += 2) odd.push_back(u);
+    std::string all;
+    for (uint32_t u = 1; u < 2000; u += 2) {
+        odd.push_back(u);
+        all += (all.empty() ? "" : ",") + std::to_string(u);
+    }
     const auto sets = compactUidSets(odd, 50);
     ASSERT_GT(sets.size(), 1u);
-    std::vector<uint32_t> back;
+    std::string joined;
     for (const std::string& set : sets) {
         EXPECT_LE(set.size(), 50u);
-        size_t p = 0;
-        while (p < set.size()) {
-            size_t e = set.find(',', p);
-            if (e == std::string::npos) e = set.size();
-            back.push_back(static_cast<uint32_t>(std::stoul(set.substr(p, e - p))));
-            p = e + 1;
-        }
+        joined += (joined.empty() ? "" : ",") + set;
     }
-    EXPECT_EQ(back, odd);
+    EXPECT_EQ(joined, all);
 }
 
 }  // namespace

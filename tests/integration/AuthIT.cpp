@@ -1,5 +1,6 @@
-// Every login mechanism against a real Dovecot on 127.0.0.1, with the right
-// and a wrong password.
+// A plain session and every login mechanism against a real Dovecot on
+// 127.0.0.1, with the right and a wrong password. TLS and STARTTLS against
+// it: ClientIT and SshTunnelIT; the engine's certificate checks: Socket2TlsTest.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -11,85 +12,68 @@ using namespace zr;
 
 namespace {
 
-class DovecotAuth : public ::testing::Test {
-protected:
-    _zrImap imap;
-    MemoryLog log;
-    _clsTls tls;
-    SocketParams sp{nullptr};
+enum class Mech { Login, Plain, CramMd5, DigestMd5, Ntlm, NtlmV1, Xoauth2 };
 
+class DovecotAuth : public it::SessionTest {
+protected:
     void SetUp() override {
-        it::failWithoutFixture();
+        SessionTest::SetUp();
         imap.m_keepSessionLog = true;
-        imap.put_ReadTimeout(15);
     }
-    void TearDown() override { disconnect(); }
-    void connect() {
-        disconnect();
-        StringBuffer greeting;
-        ASSERT_TRUE(imap.connectToImapServer(StringBuffer("127.0.0.1"), it::envPort("ZRIMAP_IMAP_PORT"), greeting, tls,
-                                             sp, log))
-            << log.toText();
+    // What a login came to: "OK", "NO" (the server's refusal, read to its end) or "failed".
+    std::string verdict(bool completed, const ImapResultSet& rs) {
+        if (!completed) return "failed";
+        if (rs.isOK(true, log)) return "OK";
+        return std::string(rs.getLine(rs.getNumLines() - 1)).find(" NO ") != std::string::npos ? "NO" : "other";
     }
-    void disconnect() {
-        StringBuffer bye;
-        if (imap.m_socket) imap.logout(bye, sp, log);
+    static std::string verdict(bool ok, const StringBuffer& final) {
+        return ok ? "OK" : final.containsSubstring(" NO ") ? "NO" : "failed";
+    }
+    // Logs in on a new connection.
+    std::string logIn(Mech mech, const char* name, const char* secret) {
         imap.imapDisconnect(log, sp);
-    }
-    // The session is really authenticated: SELECT works.
-    bool selectWorks() {
+        if (!connect()) return "no connection";
+        XString user(name), none, domain("");
+        SecurePassword pw(secret);
         ImapResultSet rs;
-        return imap.sendRawCommand("EXAMINE INBOX", rs, log, sp) && rs.isOK(true, log);
+        StringBuffer final;
+        switch (mech) {
+            case Mech::Login: return verdict(imap.loginImap(user, pw, rs, log, sp), rs);
+            case Mech::Plain: return verdict(imap.authenticatePlain(none, user, pw, rs, log, sp), rs);
+            case Mech::CramMd5: return verdict(imap.authenticateCramMd5(user, pw, final, log, sp), final);
+            case Mech::DigestMd5: return imap.authenticateDigestMd5(user, pw, final, log, sp) ? "OK" : "failed";
+            case Mech::Ntlm: return verdict(imap.authenticateNTLM(user, pw, domain, final, log, sp), final);
+            case Mech::NtlmV1: {
+                const int before = _zrSettings::m_defaultNtlmVersion;
+                _zrSettings::m_defaultNtlmVersion = 1;
+                const bool ok = imap.authenticateNTLM(user, pw, domain, final, log, sp);
+                _zrSettings::m_defaultNtlmVersion = before;
+                return verdict(ok, final);
+            }
+            case Mech::Xoauth2: return verdict(imap.xoauth2Imap(user, pw, rs, log, sp), rs);
+        }
+        return "unknown";
     }
 };
 
-enum class Mech { Login, Plain, CramMd5, DigestMd5, Ntlm, NtlmV1, Xoauth2 };
-
-// What a login came to: "OK", "NO" (the server's refusal, read to its end) or "failed".
-std::string verdict(bool completed, const ImapResultSet& rs, MemoryLog& log) {
-    if (!completed) return "failed";
-    if (rs.isOK(true, log)) return "OK";
-    return std::string(rs.getLine(rs.getNumLines() - 1)).find(" NO ") != std::string::npos ? "NO" : "other";
-}
-std::string verdict(bool ok, const StringBuffer& final) {
-    return ok ? "OK" : final.containsSubstring(" NO ") ? "NO" : "failed";
-}
-
-std::string logIn(_zrImap& imap, Mech mech, XString& user, SecurePassword& pw, MemoryLog& log, SocketParams& sp) {
-    XString none, domain("");
-    ImapResultSet rs;
-    StringBuffer final;
-    switch (mech) {
-        case Mech::Login: return verdict(imap.loginImap(user, pw, rs, log, sp), rs, log);
-        case Mech::Plain: return verdict(imap.authenticatePlain(none, user, pw, rs, log, sp), rs, log);
-        case Mech::CramMd5: return verdict(imap.authenticateCramMd5(user, pw, final, log, sp), final);
-        case Mech::DigestMd5: return imap.authenticateDigestMd5(user, pw, final, log, sp) ? "OK" : "failed";
-        case Mech::Ntlm: return verdict(imap.authenticateNTLM(user, pw, domain, final, log, sp), final);
-        case Mech::NtlmV1: {
-            const int before = _zrSettings::m_defaultNtlmVersion;
-            _zrSettings::m_defaultNtlmVersion = 1;
-            const bool ok = imap.authenticateNTLM(user, pw, domain, final, log, sp);
-            _zrSettings::m_defaultNtlmVersion = before;
-            return verdict(ok, final);
-        }
-        case Mech::Xoauth2: return verdict(imap.xoauth2Imap(user, pw, rs, log, sp), rs, log);
-    }
-    return "unknown";
-}
-
 }  // namespace
 
-TEST_F(DovecotAuth, CapabilityThenLoginAndLogout) {
-    connect();
+TEST_F(DovecotAuth, PlainSessionCapabilityLoginNoopLogout) {
+    ASSERT_TRUE(connect()) << log.toText();
+    EXPECT_TRUE(greeting.beginsWith("* OK")) << greeting.getString();
+    EXPECT_TRUE(imap.isImapConnected(log));
     StringBuffer caps;
     ASSERT_TRUE(imap.capability(caps, log, sp));
     EXPECT_TRUE(caps.containsSubstring("IMAP4rev1"));
-    XString login("alice");
-    SecurePassword pw("alice-pw");
-    EXPECT_EQ(logIn(imap, Mech::Login, login, pw, log, sp), "OK") << log.toText();
+    ASSERT_TRUE(login("alice", "alice-pw")) << log.toText();
+    ImapResultSet noop;
+    EXPECT_TRUE(ok(imap.cmdNoArgs("NOOP", noop, log, sp), noop));
     StringBuffer bye;
     ASSERT_TRUE(imap.logout(bye, sp, log));
     EXPECT_TRUE(bye.beginsWith("* BYE"));
+    imap.imapDisconnect(log, sp);
+    EXPECT_FALSE(imap.isImapConnected(log));
+    EXPECT_NE(std::string(imap.m_sessionLog.getString()).find("----INFO----\r\nDisconnecting..."), std::string::npos);
 }
 
 TEST_F(DovecotAuth, EveryMechanismWithTheRightAndAWrongSecret) {
@@ -120,17 +104,11 @@ TEST_F(DovecotAuth, EveryMechanismWithTheRightAndAWrongSecret) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        auto attempt = [&](const char* secret) {  // on a new connection, with new credentials
-            connect();
-            XString user(c.user);
-            SecurePassword pw(secret);
-            return logIn(imap, c.mechanism, user, pw, log, sp);
-        };
         if (c.wrong) {
-            EXPECT_EQ(attempt(c.wrong), c.wrongVerdict) << log.toText();
+            EXPECT_EQ(logIn(c.mechanism, c.user, c.wrong), c.wrongVerdict) << log.toText();
         }
-        ASSERT_EQ(attempt(c.secret.c_str()), "OK") << log.toText();
-        EXPECT_TRUE(selectWorks());
+        ASSERT_EQ(logIn(c.mechanism, c.user, c.secret.c_str()), "OK") << log.toText();
+        EXPECT_TRUE(raw("EXAMINE INBOX"));  // really authenticated
         for (const std::string& s : c.neverLogged) {
             EXPECT_EQ(std::string(imap.m_sessionLog.getString()).find(s), std::string::npos) << s;
             EXPECT_EQ(log.toText().find(s), std::string::npos) << s;

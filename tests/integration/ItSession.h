@@ -56,27 +56,36 @@ inline int closedPort() {
     return port;
 }
 
+inline void failWithoutFixture() {
+    if (env("ZRIMAP_IMAP_PORT").empty()) GTEST_FAIL() << "ZRIMAP_IMAP_PORT is not set: run this test through ctest";
+}
+
+// An engine and what its calls take, against the test Dovecot.
 struct Session {
     _zrImap imap;
     MemoryLog log;
     _clsTls tls;
     SocketParams sp{nullptr};
+    StringBuffer greeting;
 
-    // Connects and logs in; false (with the reason in log) otherwise.
-    bool open(const char* user = "bob", const char* password = "bob-pw") {
-        imap.put_ReadTimeout(30);
-        StringBuffer greeting;
-        if (!imap.connectToImapServer(StringBuffer("127.0.0.1"), envPort("ZRIMAP_IMAP_PORT"), greeting, tls, sp, log))
-            return false;
+    Session() { imap.put_ReadTimeout(30); }
+    ~Session() { imap.imapDisconnect(log, sp); }
+    bool connect(const char* host = "127.0.0.1", int port = envPort("ZRIMAP_IMAP_PORT")) {
+        return imap.connectToImapServer(StringBuffer(host), port, greeting, tls, sp, log);
+    }
+    bool login(const char* user = "bob", const char* password = "bob-pw") {
         XString login(user);
         SecurePassword pw(password);
         ImapResultSet rs;
-        return imap.loginImap(login, pw, rs, log, sp) && rs.isOK(true, log);
+        return ok(imap.loginImap(login, pw, rs, log, sp), rs);
     }
+    // Connects and logs in; false (with the reason in log) otherwise.
+    bool open() { return connect() && login(); }
     bool ok(bool completed, const ImapResultSet& rs) { return completed && rs.isOK(true, log); }
+    bool raw(const char* cmd, ImapResultSet& rs) { return ok(imap.sendRawCommand(cmd, rs, log, sp), rs); }
     bool raw(const char* cmd) {
         ImapResultSet rs;
-        return ok(imap.sendRawCommand(cmd, rs, log, sp), rs);
+        return raw(cmd, rs);
     }
     // Creates (after deleting any leftover of an earlier run) and selects.
     bool freshMailbox(const char* name) {
@@ -90,10 +99,10 @@ struct Session {
         bool got = false;
         return imap.selectMailbox(name, examine, rs, got, log, sp);
     }
-    bool append(const char* mailbox, const std::string& mime, bool seen = false) {
+    bool append(const char* mailbox, const std::string& mime) {
         ExtPtrArraySb lines;
         ImapResultSet rs;
-        if (!imap.appendMime(mailbox, mime.c_str(), nullptr, seen, false, false, false, false, lines, rs, log, sp))
+        if (!imap.appendMime(mailbox, mime.c_str(), nullptr, false, false, false, false, false, lines, rs, log, sp))
             return false;
         const StringBuffer* last = lines.sbAt(lines.getSize() - 1);
         return last && last->containsSubstring(" OK");
@@ -104,12 +113,21 @@ struct Session {
         rs.toStringBuffer(sb);
         return sb.getString();
     }
-    ~Session() { imap.imapDisconnect(log, sp); }
 };
 
-inline void failWithoutFixture() {
-    if (env("ZRIMAP_IMAP_PORT").empty()) GTEST_FAIL() << "ZRIMAP_IMAP_PORT is not set: run this test through ctest";
-}
+// A test of its own session; LoggedIn: logged in as bob.
+class SessionTest : public ::testing::Test, public Session {
+protected:
+    void SetUp() override { failWithoutFixture(); }
+};
+class LoggedIn : public SessionTest {
+protected:
+    void SetUp() override {
+        SessionTest::SetUp();
+        if (HasFatalFailure()) return;
+        ASSERT_TRUE(open()) << log.toText();
+    }
+};
 
 }  // namespace it
 }  // namespace zr

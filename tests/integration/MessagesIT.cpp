@@ -1,9 +1,10 @@
-// Flag stores, COPY/MOVE, SEARCH/SORT/THREAD, APPEND and structure summaries
-// against a real Dovecot, in bob's account. The exact commands are pinned by
-// tests/imap/MessageOpsTest and FetchTest; here the server's answers count.
+// SORT/THREAD, APPEND with every flag, structure summaries and IDLE
+// events against a real Dovecot, in bob's account. The exact commands are
+// pinned by tests/imap/MessageOpsTest, FetchTest and MailboxTest; here the
+// server's answers count. Mailbox management, STATUS, SELECT, SEARCH, flag
+// stores, COPY and MOVE against it go through the same engine calls in ClientIT.
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,28 +16,13 @@ using zr::it::Session;
 
 namespace {
 
-class DovecotMessages : public ::testing::Test {
+class DovecotMessages : public it::LoggedIn {
 protected:
-    Session s;
-    void SetUp() override {
-        it::failWithoutFixture();
-        if (HasFatalFailure()) return;
-        ASSERT_TRUE(s.open()) << s.log.toText();
-    }
     // The FLAGS of message uid as the server reports them now.
     std::string flagsOf(unsigned uid) {
         ImapResultSet rs;
-        if (!s.ok(s.imap.fetchFlags_u(uid, true, rs, s.log, s.sp), rs)) return "<failed>";
-        return Session::text(rs);
-    }
-    std::vector<unsigned> search(const char* criteria, const char* charset = nullptr) {
-        ImapResultSet rs;
-        std::vector<unsigned> uids;
-        if (!s.ok(s.imap.searchOrSortImap(true, "SEARCH", charset, nullptr, criteria, rs, s.log, s.sp), rs))
-            return {0};
-        std::istringstream words(std::string(rs.getLine(0)).substr(8));  // after "* SEARCH"
-        for (unsigned uid; words >> uid;) uids.push_back(uid);
-        return uids;
+        if (!ok(imap.fetchFlags_u(uid, true, rs, log, sp), rs)) return "<failed>";
+        return text(rs);
     }
 };
 
@@ -48,78 +34,28 @@ const ImapMsgPart& part(const ImapMsgSummary& sum, const char* id) {
 
 }  // namespace
 
-TEST_F(DovecotMessages, FlagsSetClearedAndReadBack) {
-    ASSERT_TRUE(s.freshMailbox("zr flags"));
-    for (const char* subject : {"one", "two", "three"}) ASSERT_TRUE(s.append("zr flags", it::plainMessage(subject)));
-    ASSERT_TRUE(s.select("zr flags", false));
-    ImapResultSet a, b, c, d, e;
-    ASSERT_TRUE(s.ok(s.imap.setFlag_u(1, false, true, "Flagged", a, s.log, s.sp), a));
-    ASSERT_TRUE(s.ok(s.imap.setFlagForMsgSet("2:3", false, true, "$Label1", b, s.log, s.sp), b));
-    ASSERT_TRUE(s.ok(s.imap.setFlag_u(3, true, true, "seen", c, s.log, s.sp), c));  // by UID
-    EXPECT_NE(flagsOf(1).find("\\Flagged"), std::string::npos);
-    EXPECT_NE(flagsOf(2).find("$Label1"), std::string::npos);
-    const std::string third = flagsOf(3);
-    EXPECT_NE(third.find("$Label1"), std::string::npos);
-    EXPECT_NE(third.find("\\Seen"), std::string::npos);
-
-    ASSERT_TRUE(s.ok(s.imap.setFlag_u(1, true, false, "\\Flagged", d, s.log, s.sp), d));
-    ASSERT_TRUE(s.ok(s.imap.storeFlags_u(2, true, false, "$Label1", e, s.log, s.sp), e));
-    EXPECT_EQ(flagsOf(1).find("\\Flagged"), std::string::npos);
-    EXPECT_EQ(flagsOf(2).find("$Label1"), std::string::npos);
-
-    ImapResultSet del1, del2, all;
-    ASSERT_TRUE(s.ok(s.imap.setDeleteFlag_u(1, del1, s.log, s.sp), del1));
-    EXPECT_NE(Session::text(del1).find("\\Deleted"), std::string::npos);  // non-silent: FETCH comes back
-    ASSERT_TRUE(s.ok(s.imap.uidSetDeleteFlag_u(2, del2, s.log, s.sp), del2));
-    ASSERT_TRUE(s.ok(s.imap.fetchAllFlags(all, s.log, s.sp), all));
-    EXPECT_EQ(all.getNumLines(), 4);
-    const std::string allText = Session::text(all);
-    EXPECT_NE(allText.find("UID 2 FLAGS (\\Deleted"), std::string::npos) << allText;
-}
-
-TEST_F(DovecotMessages, CopyAndMoveBetweenMailboxes) {
-    ASSERT_TRUE(s.freshMailbox("zr target"));
-    ASSERT_TRUE(s.freshMailbox("zr source"));
-    for (const char* subject : {"a", "b", "c"}) ASSERT_TRUE(s.append("zr source", it::plainMessage(subject)));
-    ASSERT_TRUE(s.select("zr source", false));
-    ImapResultSet copy, move;
-    ASSERT_TRUE(s.ok(s.imap.copy_u(1, true, "zr target", copy, s.log, s.sp), copy));
-    ASSERT_TRUE(s.ok(s.imap.moveMessages("2:3", true, "zr target", move, s.log, s.sp), move));
-    ImapResultSet st1, st2;
-    bool got = false;
-    ASSERT_TRUE(s.imap.getMailboxStatus("zr source", st1, got, s.log, s.sp));
-    ASSERT_TRUE(s.imap.getMailboxStatus("zr target", st2, got, s.log, s.sp));
-    EXPECT_NE(Session::text(st1).find("MESSAGES 1 "), std::string::npos) << Session::text(st1);
-    EXPECT_NE(Session::text(st2).find("MESSAGES 3 "), std::string::npos) << Session::text(st2);
-}
-
-TEST_F(DovecotMessages, SearchSortAndThread) {
-    ASSERT_TRUE(s.freshMailbox("zr search"));
-    ASSERT_TRUE(s.append("zr search", it::plainMessage("banana")));
-    ASSERT_TRUE(s.append("zr search", it::plainMessage("apple")));
-    ASSERT_TRUE(s.append("zr search", it::plainMessage("Re: banana")));
-    ASSERT_TRUE(s.select("zr search", false));
-    EXPECT_EQ(search("SUBJECT banana"), (std::vector<unsigned>{1, 3}));
-    EXPECT_EQ(search("SUBJECT apple", "UTF-8"), (std::vector<unsigned>{2}));
-    EXPECT_EQ(search("SUBJECT cherry"), std::vector<unsigned>{});
-
+TEST_F(DovecotMessages, SortAndThread) {
+    ASSERT_TRUE(freshMailbox("zr search"));
+    for (const char* subject : {"banana", "apple", "Re: banana"})
+        ASSERT_TRUE(append("zr search", it::plainMessage(subject)));
+    ASSERT_TRUE(select("zr search", false));
     ImapResultSet sorted;
-    ASSERT_TRUE(s.ok(s.imap.searchOrSortImap(true, "SORT", "utf-8", "SUBJECT", "ALL", sorted, s.log, s.sp), sorted));
+    ASSERT_TRUE(ok(imap.searchOrSortImap(true, "SORT", "utf-8", "SUBJECT", "ALL", sorted, log, sp), sorted));
     EXPECT_STREQ(sorted.getLine(0), "* SORT 2 1 3\r\n");
     ImapResultSet thread;
-    EXPECT_TRUE(s.imap.searchOrSortImap(true, "THREAD", "UTF-8", "REFERENCES", "ALL", thread, s.log, s.sp));
-    EXPECT_TRUE(thread.isOK(true, s.log)) << Session::text(thread);
+    EXPECT_TRUE(imap.searchOrSortImap(true, "THREAD", "UTF-8", "REFERENCES", "ALL", thread, log, sp));
+    EXPECT_TRUE(thread.isOK(true, log)) << text(thread);
     EXPECT_EQ(std::string(thread.getLine(0)).rfind("* THREAD ", 0), 0u);
 }
 
 TEST_F(DovecotMessages, AppendWithEveryFlagCombinationAndDateForm) {
-    ASSERT_TRUE(s.freshMailbox("zr append"));
+    ASSERT_TRUE(freshMailbox("zr append"));
     const char* names[] = {"\\Seen", "\\Deleted", "\\Flagged", "\\Answered", "\\Draft"};
     for (int mask = 0; mask < 32; ++mask) {
         ExtPtrArraySb lines;
         ImapResultSet rs;
-        ASSERT_TRUE(s.imap.appendMime("zr append", it::plainMessage("m" + std::to_string(mask)).c_str(), nullptr,
-                                      mask & 1, mask & 2, mask & 4, mask & 8, mask & 16, lines, rs, s.log, s.sp));
+        ASSERT_TRUE(imap.appendMime("zr append", it::plainMessage("m" + std::to_string(mask)).c_str(), nullptr,
+                                    mask & 1, mask & 2, mask & 4, mask & 8, mask & 16, lines, rs, log, sp));
         const std::string got = flagsOf(static_cast<unsigned>(mask + 1));
         for (int bit = 0; bit < 5; ++bit)
             EXPECT_EQ(got.find(names[bit]) != std::string::npos, (mask & (1 << bit)) != 0) << mask << got;
@@ -136,29 +72,28 @@ TEST_F(DovecotMessages, AppendWithEveryFlagCombinationAndDateForm) {
     for (const DateCase& c : cases) {
         ExtPtrArraySb lines;
         ImapResultSet rs;
-        const bool done = s.imap.appendMime("zr append", it::plainMessage("dated").c_str(), c.given, false, false,
-                                            false, false, false, lines, rs, s.log, s.sp);
+        const bool done = imap.appendMime("zr append", it::plainMessage("dated").c_str(), c.given, false, false,
+                                          false, false, false, lines, rs, log, sp);
         if (!c.internalDate) {
-            EXPECT_TRUE(s.raw("NOOP")) << c.given;  // refused, and the session stays in step
+            EXPECT_TRUE(raw("NOOP")) << c.given;  // refused, and the session stays in step
             continue;
         }
-        ASSERT_TRUE(done) << c.given << s.log.toText();
+        ASSERT_TRUE(done) << c.given << log.toText();
         ImapResultSet f;
-        ASSERT_TRUE(s.ok(s.imap.fetchSummary_u(uid++, true, "(INTERNALDATE)", f, s.log, s.sp), f));
-        EXPECT_NE(Session::text(f).find(c.internalDate), std::string::npos) << c.given << Session::text(f);
+        ASSERT_TRUE(ok(imap.fetchSummary_u(uid++, true, "(INTERNALDATE)", f, log, sp), f));
+        EXPECT_NE(text(f).find(c.internalDate), std::string::npos) << c.given << text(f);
     }
 }
 
 TEST_F(DovecotMessages, StructureSummariesPartByPart) {
-    ASSERT_TRUE(s.freshMailbox("zr structure"));
+    ASSERT_TRUE(freshMailbox("zr structure"));
     for (const std::string& m : {it::plainMessage("plain"), it::alternativeMessage(), it::mixedMessage(),
                                  it::relatedMessage(), it::forwardMessage()})
-        ASSERT_TRUE(s.append("zr structure", m));
-    ASSERT_TRUE(s.select("zr structure", false));
+        ASSERT_TRUE(append("zr structure", m));
+    ASSERT_TRUE(select("zr structure", false));
     ImapMsgSummary sum[5];
     for (unsigned uid = 1; uid <= 5; ++uid)
-        ASSERT_TRUE(s.imap.fetchMsgSummary_u(uid, true, "(UID BODYSTRUCTURE)", sum[uid - 1], s.sp, s.log))
-            << uid << s.log.toText();
+        ASSERT_TRUE(imap.fetchMsgSummary_u(uid, true, "(UID BODYSTRUCTURE)", sum[uid - 1], sp, log)) << uid;
 
     EXPECT_EQ(sum[0].getNumParts(), 1);
     EXPECT_TRUE(part(sum[0], "1").isType("text", "plain"));
@@ -189,4 +124,53 @@ TEST_F(DovecotMessages, StructureSummariesPartByPart) {
     StringBuffer best("2");
     ASSERT_TRUE(sum[4].findBestMsgPart(best));
     EXPECT_STREQ(best.getString(), "2.1");
+}
+
+TEST_F(DovecotMessages, IdleReportsAppendFlagChangeAndExpungeInOrder) {
+    ASSERT_TRUE(freshMailbox("zr idle"));
+    ImapResultSet idle;
+    ASSERT_TRUE(imap.cmdNoArgs("IDLE", idle, log, sp));
+    EXPECT_TRUE(imap.m_idling);
+    EXPECT_EQ(std::string(idle.getLine(idle.getNumLines() - 1)).rfind("+ ", 0), 0u);
+    XString xml;
+    ASSERT_TRUE(imap.idleCheck(0, xml, sp, log));
+    EXPECT_STREQ(xml.getUtf8(), "<idle></idle>");
+
+    // The server folds changes it has not reported yet into one view, so
+    // each change waits for its own notification before the next is made.
+    std::string events;
+    auto waitFor = [&](const char* element) {
+        for (int i = 0; i < 15 && events.find(element) == std::string::npos; ++i) {
+            ASSERT_TRUE(imap.idleCheck(1000, xml, sp, log));
+            const std::string doc = xml.getUtf8();
+            ASSERT_EQ(doc.rfind("<idle>", 0), 0u);
+            ASSERT_EQ(doc.substr(doc.size() - 7), "</idle>");
+            events += doc.substr(6, doc.size() - 13);
+        }
+        std::string refused;
+        for (const auto& e : log.entries())
+            if (e.name == "idleResponseParseError") refused += e.value;
+        ASSERT_NE(events.find(element), std::string::npos) << events << "\nrefused lines:\n" << refused;
+    };
+    Session other;
+    ASSERT_TRUE(other.open());
+    ASSERT_TRUE(other.raw("APPEND \"zr idle\" {17+}\r\nSubject: one\r\n\r\nx"));
+    waitFor("<exists>1</exists>");
+    ASSERT_TRUE(other.raw("SELECT \"zr idle\""));
+    ASSERT_TRUE(other.raw("STORE 1 +FLAGS (\\Flagged)"));
+    waitFor("<flags seqnum=\"1\"");
+    ASSERT_TRUE(other.raw("STORE 1 +FLAGS (\\Deleted)"));
+    ASSERT_TRUE(other.raw("EXPUNGE"));
+    waitFor("<expunge>1</expunge>");
+
+    const size_t exists = events.find("<exists>1</exists>");
+    const size_t flags = events.find("<flag>\\Flagged</flag>");
+    const size_t expunge = events.find("<expunge>1</expunge>");
+    EXPECT_LT(exists, flags);
+    EXPECT_LT(flags, expunge);
+
+    ImapResultSet done;
+    ASSERT_TRUE(imap.cmdNoArgs("DONE", done, log, sp));
+    EXPECT_TRUE(done.isOK(true, log));
+    EXPECT_FALSE(imap.m_idling);
 }

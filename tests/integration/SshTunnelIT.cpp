@@ -162,19 +162,13 @@ private:
     bool m_ready = false;
 };
 
-class SshTunnel : public ::testing::Test {
+class SshTunnel : public it::SessionTest {
 protected:
-    _zrImap imap;
-    MemoryLog log;
-    _clsTls tls;
-    SocketParams sp{nullptr};
-    StringBuffer greeting;
     int sshPort = envPort("ZRIMAP_SSH_PORT");
-    int imapPort = envPort("ZRIMAP_IMAP_PORT");
 
     void SetUp() override {
-        if (!sshPort || !imapPort) GTEST_FAIL() << "ZRIMAP_SSH_PORT/ZRIMAP_IMAP_PORT not set: run through ctest";
-        imap.put_ReadTimeout(15);
+        SessionTest::SetUp();
+        if (!sshPort) GTEST_FAIL() << "ZRIMAP_SSH_PORT is not set: run this test through ctest";
     }
     bool openTunnel(int port = 0) {
         XString host("127.0.0.1");
@@ -184,23 +178,10 @@ protected:
         XString user("imaptest"), pw(password);
         return imap.sshAuthenticatePw(user, pw, log, sp);
     }
-    bool connectImap(const char* host = "127.0.0.1", int port = 0) {
-        return imap.connectToImapServer(StringBuffer(host), port ? port : imapPort, greeting, tls, sp, log);
-    }
-    void loginBob() {
-        XString user("bob");
-        SecurePassword pw("bob-pw");
-        ImapResultSet rs;
-        ASSERT_TRUE(imap.loginImap(user, pw, rs, log, sp)) << log.toText();
-        ASSERT_TRUE(rs.isOK(true, log)) << log.toText();
-    }
-    bool raw(const char* cmd, ImapResultSet& rs) { return imap.sendRawCommand(cmd, rs, log, sp) && rs.isOK(true, log); }
     Socket2* sock() { return imap.m_socket; }
     void openAndLogIn() {
-        ASSERT_TRUE(openTunnel()) << log.toText();
-        ASSERT_TRUE(authPw()) << log.toText();
-        ASSERT_TRUE(connectImap()) << log.toText();
-        loginBob();
+        ASSERT_TRUE(openTunnel() && authPw() && connect()) << log.toText();
+        ASSERT_TRUE(login()) << log.toText();
     }
     // Appends a message of about `bytes` bytes to the mailbox SshTunnel
     // (LITERAL+, so the whole APPEND is one command) and returns its UID.
@@ -209,10 +190,10 @@ protected:
         imap.sendRawCommand("CREATE SshTunnel", create, log, sp);  // NO when it exists already
         message = "From: ssh@test\r\nSubject: tunnelled\r\n\r\n";
         for (unsigned line = 0; message.size() < bytes; ++line) {
-            char text[100];
-            std::snprintf(text, sizeof text,
+            char buf[100];
+            std::snprintf(buf, sizeof buf,
                           "%07u abcdefghijklmnopqrstuvwxyz ABCDEFGHIJKLMNOPQRSTUVWXYZ 0123456789\r\n", line);
-            message += text;
+            message += buf;
         }
         message += "END";  // no trailing blank: the raw command text is trimmed
         const std::string cmd = "APPEND SshTunnel {" + std::to_string(message.size()) + "+}\r\n" + message;
@@ -227,8 +208,7 @@ protected:
     }
     // UID FETCH of the whole message, read as the literal it comes in.
     bool fetchBody(unsigned uid, DataBuffer& body) {
-        ImapResultSet sel;
-        if (!raw("SELECT SshTunnel", sel)) return false;
+        if (!raw("SELECT SshTunnel")) return false;
         ImapResultSet rs;
         StringBuffer tag;
         const std::string cmd = "UID FETCH " + std::to_string(uid) + " BODY.PEEK[]";
@@ -255,12 +235,11 @@ struct AbortAtOnce : ProgressEvent {
 TEST_F(SshTunnel, SessionsFollowOneAnotherInOneTunnel) {
     ASSERT_TRUE(openTunnel()) << log.toText();
     ASSERT_TRUE(sock() && sock()->isSsh());
-    ASSERT_TRUE(authPw()) << log.toText();
-    ASSERT_TRUE(connectImap()) << log.toText();
+    ASSERT_TRUE(authPw() && connect()) << log.toText();
     EXPECT_TRUE(greeting.beginsWith("* OK")) << greeting.getString();
     EXPECT_TRUE(sock()->isSshChannelOpen());
     EXPECT_FALSE(sock()->isNonTunneledTls());
-    loginBob();
+    ASSERT_TRUE(login()) << log.toText();
 
     imap.imapDisconnect(log, sp);
     ASSERT_NE(sock(), nullptr) << "the tunnel must survive the end of the IMAP session";
@@ -272,17 +251,17 @@ TEST_F(SshTunnel, SessionsFollowOneAnotherInOneTunnel) {
     tls.m_caFile.setString(it::env("ZRIMAP_CA_FILE").c_str());
     tls.m_requireVerifiedServer = true;
     imap.setSsl(true);
-    ASSERT_TRUE(connectImap("127.0.0.1", envPort("ZRIMAP_IMAPS_PORT"))) << log.toText();
+    ASSERT_TRUE(connect("127.0.0.1", envPort("ZRIMAP_IMAPS_PORT"))) << log.toText();
     EXPECT_TRUE(imap.getRemoteServerCertVerified());
     EXPECT_NE(log.lastData("connectionType")->find("over SSH channel"), std::string::npos);
-    loginBob();
+    ASSERT_TRUE(login()) << log.toText();
     imap.imapDisconnect(log, sp);
 
     imap.setSsl(false);
     imap.setStartTls(true);
-    ASSERT_TRUE(connectImap()) << log.toText();
+    ASSERT_TRUE(connect()) << log.toText();
     EXPECT_TRUE(imap.getRemoteServerCertVerified());
-    loginBob();
+    ASSERT_TRUE(login()) << log.toText();
     ImapResultSet caps;
     ASSERT_TRUE(raw("CAPABILITY", caps));
     EXPECT_EQ(std::string(caps.getLine(0)).find("STARTTLS"), std::string::npos);
@@ -311,9 +290,8 @@ TEST_F(SshTunnel, MegabytesCrossTheChannelAndALostConnectionIsRecoverable) {
 
     CutProxy proxy(sshPort, 1024 * 1024);
     ASSERT_NE(proxy.port(), 0);
-    ASSERT_TRUE(openTunnel(proxy.port()) && authPw()) << log.toText();
-    ASSERT_TRUE(connectImap()) << log.toText();
-    loginBob();
+    ASSERT_TRUE(openTunnel(proxy.port()) && authPw() && connect()) << log.toText();
+    ASSERT_TRUE(login()) << log.toText();
     log.clear();
     EXPECT_FALSE(fetchBody(uid, body));
     EXPECT_TRUE(proxy.wasCut());
@@ -345,7 +323,7 @@ TEST_F(SshTunnel, EveryClientKeyLogsIn) {
         ASSERT_TRUE(key.loadFromFile(sshdFile(c.file).c_str(), nullptr, log)) << log.toText();
         ASSERT_TRUE(openTunnel()) << log.toText();
         ASSERT_TRUE(sock()->sshAuthenticatePk(user, c.rsaSigAlg, key, log, sp)) << log.toText();
-        ASSERT_TRUE(connectImap()) << log.toText();
+        ASSERT_TRUE(connect()) << log.toText();
         EXPECT_TRUE(greeting.beginsWith("* OK"));
         EXPECT_TRUE(imap.sshCloseTunnel(sp, log));
     }
@@ -395,7 +373,7 @@ TEST_F(SshTunnel, RefusedCredentialsAndUnusableKeysLeaveTheTunnelUsable) {
     ASSERT_TRUE(openTunnel());
     EXPECT_FALSE(authPw("not-the-password"));
     EXPECT_TRUE(hasErrorPart(log, "SSH password authentication failed for user imaptest")) << log.toText();
-    EXPECT_FALSE(connectImap());
+    EXPECT_FALSE(connect());
     EXPECT_TRUE(hasErrorPart(log, "not authenticated"));
 
     // A key the server does not know.
@@ -424,22 +402,22 @@ TEST_F(SshTunnel, RefusedCredentialsAndUnusableKeysLeaveTheTunnelUsable) {
 
     // None of it spoiled the connection.
     ASSERT_TRUE(authPw()) << log.toText();
-    ASSERT_TRUE(connectImap()) << log.toText();
+    ASSERT_TRUE(connect()) << log.toText();
 }
 
 // A closed port refuses the tunnel itself: the "closed port" row of SshNoServer.HandshakeFailuresSayWhy.
 TEST_F(SshTunnel, ForbiddenOrDeadForwardsCostNothingButTheChannel) {
     ASSERT_TRUE(openTunnel() && authPw()) << log.toText();
     // Only 127.0.0.1 and localhost may be reached through this server.
-    EXPECT_FALSE(connectImap("127.0.0.2"));
+    EXPECT_FALSE(connect("127.0.0.2"));
     EXPECT_TRUE(sp.m_connectFailed);
     EXPECT_TRUE(hasErrorPart(log, "refused a channel to 127.0.0.2")) << log.toText();
     EXPECT_TRUE(sock()->isSsh()) << "a refused channel must not cost the tunnel";
     // Allowed, but nothing listens there.
-    EXPECT_FALSE(connectImap("127.0.0.1", it::closedPort()));
+    EXPECT_FALSE(connect("127.0.0.1", it::closedPort()));
     EXPECT_TRUE(hasErrorPart(log, "refused a channel to 127.0.0.1")) << log.toText();
 
-    ASSERT_TRUE(connectImap()) << log.toText();
+    ASSERT_TRUE(connect()) << log.toText();
     EXPECT_TRUE(greeting.beginsWith("* OK"));
 }
 
@@ -457,8 +435,7 @@ TEST_F(SshTunnel, TimeOutAndAbortWorkInsideTheChannel) {
     EXPECT_LT(ms, 5000);
     // The channel is still good after a time-out.
     imap.put_ReadTimeout(15);
-    ImapResultSet noop;
-    ASSERT_TRUE(imap.cmdNoArgs("NOOP", noop, log, sp)) << log.toText();
+    ASSERT_TRUE(raw("NOOP")) << log.toText();
 
     AbortAtOnce stop;
     ProgressMonitor pm(&stop);
@@ -469,23 +446,17 @@ TEST_F(SshTunnel, TimeOutAndAbortWorkInsideTheChannel) {
 
 TEST_F(SshTunnel, TwoEnginesShareOneTunnel) {
     openAndLogIn();
-    _zrImap second;
-    second.put_ReadTimeout(15);
-    ASSERT_TRUE(second.useSshTunnel(sock()->getSshTransport(), log));
-    StringBuffer greeting2;
-    ASSERT_TRUE(second.connectToImapServer(StringBuffer("127.0.0.1"), imapPort, greeting2, tls, sp, log))
-        << log.toText();
+    it::Session second;
+    ASSERT_TRUE(second.imap.useSshTunnel(sock()->getSshTransport(), log));
+    ASSERT_TRUE(second.connect()) << second.log.toText();
     // Interleaved commands on the two channels.
     for (int i = 0; i < 3; ++i) {
-        ImapResultSet a, b;
-        ASSERT_TRUE(imap.cmdNoArgs("NOOP", a, log, sp));
-        ASSERT_TRUE(second.sendRawCommand("CAPABILITY", b, log, sp));
-        EXPECT_TRUE(a.isOK(true, log) && b.isOK(true, log));
+        EXPECT_TRUE(raw("NOOP")) << log.toText();
+        EXPECT_TRUE(second.raw("CAPABILITY")) << second.log.toText();
     }
-    second.imapDisconnect(log, sp);
-    ImapResultSet after;
-    EXPECT_TRUE(imap.cmdNoArgs("NOOP", after, log, sp)) << "closing one channel must not touch the other";
-    EXPECT_FALSE(second.useSshTunnel(nullptr, log));
+    second.imap.imapDisconnect(log, sp);
+    EXPECT_TRUE(raw("NOOP")) << "closing one channel must not touch the other";
+    EXPECT_FALSE(second.imap.useSshTunnel(nullptr, log));
 }
 
 TEST_F(SshTunnel, PasswordFallsBackToKeyboardInteractive) {
@@ -495,7 +466,7 @@ TEST_F(SshTunnel, PasswordFallsBackToKeyboardInteractive) {
     EXPECT_FALSE(authPw("wrong"));
     EXPECT_TRUE(hasErrorPart(log, "SSH keyboard-interactive authentication failed for user imaptest")) << log.toText();
     ASSERT_TRUE(authPw()) << log.toText() << server.log();
-    ASSERT_TRUE(connectImap()) << log.toText();
+    ASSERT_TRUE(connect()) << log.toText();
     EXPECT_TRUE(greeting.beginsWith("* OK"));
     EXPECT_NE(server.log().find("Accepted keyboard-interactive"), std::string::npos) << server.log();
 }

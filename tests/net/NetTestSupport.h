@@ -23,13 +23,7 @@
 #include <thread>
 #include <vector>
 
-#include "zrimap/base/BufferLimits.h"
-#include "zrimap/base/DataBuffer.h"
-#include "zrimap/base/LogBase.h"
-#include "zrimap/base/Progress.h"
-#include "zrimap/base/SocketParams.h"
-#include "zrimap/base/StringBuffer.h"
-#include "zrimap/net/Socket2.h"
+#include "zrimap/engine.h"
 
 namespace zrtest {
 
@@ -249,20 +243,6 @@ struct LimitGuard {
     ~LimitGuard() { zr::BufferLimits::setMaxBytes(0); }
 };
 
-// Holds one reference to a Socket2 for the length of a test.
-struct SocketRef {
-    zr::Socket2* s;
-    SocketRef() : s(zr::Socket2::createNewSocket2(16)) {
-        if (s) s->incRefCount();
-    }
-    ~SocketRef() {
-        if (s) s->decRefCount();
-    }
-    SocketRef(const SocketRef&) = delete;
-    SocketRef& operator=(const SocketRef&) = delete;
-    zr::Socket2* operator->() const { return s; }
-};
-
 // The flags that are set, space separated ("timedOut connLost"), so a test
 // can say exactly which ones it expects.
 inline std::string flagsOf(const zr::SocketParams& sp) {
@@ -291,11 +271,15 @@ inline long long msSince(std::chrono::steady_clock::time_point t) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t).count();
 }
 
-// One socket with verbose logging (so the detail logging runs too) and the
-// calls most transport tests make on it.
+// One socket, referenced for the length of the test, with verbose logging
+// (so the detail logging runs too) and the calls most transport tests make.
 class SocketTest : public ::testing::Test {
 protected:
-    SocketTest() { log.m_verboseLogging = true; }
+    SocketTest() {
+        log.m_verboseLogging = true;
+        sock->incRefCount();
+    }
+    ~SocketTest() override { sock->decRefCount(); }
     bool connect(int port, const char* host = "127.0.0.1", bool tlsOn = false, const TestCert* ca = nullptr) {
         tls.m_caFile.setString(ca ? ca->pem.c_str() : "");
         return sock->socket2Connect(zr::StringBuffer(host), port, tlsOn, tls, 5000, sp, log);
@@ -310,7 +294,7 @@ protected:
                                      static_cast<unsigned>(s.size()), timeoutMs, log, sp);
     }
 
-    SocketRef sock;
+    zr::Socket2* const sock = zr::Socket2::createNewSocket2(16);
     zr::SocketParams sp{nullptr};
     zr::MemoryLog log;
     zr::_clsTls tls;

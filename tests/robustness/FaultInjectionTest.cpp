@@ -151,73 +151,59 @@ public:
     // Runs one operation of the session; checks what a success must yield.
     bool run(int op) {
         ImapResultSet rs;
+        XString user("joe"), xml;
+        SecurePassword pw("secret");
+        ImapMsgSummary summary;
+        ImapFlags flags;
+        StringBuffer date, text, line;
+        DataBuffer mime;
+        ExtPtrArraySb completion;
+        bool ok = false;
+        const auto got = [&] { return std::string(reinterpret_cast<const char*>(mime.getData2()), mime.getSize()); };
         switch (op) {
             case kConnect:
                 if (!connect()) return false;
                 EXPECT_STREQ(greeting.getString(), session()[0].server.c_str());
                 return true;
-            case kLogin: {
-                XString user("joe");
-                SecurePassword pw("secret");
+            case kLogin:
                 if (!imap.loginImap(user, pw, rs, log, sp)) return false;
                 EXPECT_TRUE(rs.isOK(false, log));
                 return true;
-            }
-            case kSelect: {
-                bool got = false;
-                if (!imap.selectMailbox("INBOX", false, rs, got, log, sp)) return false;
+            case kSelect:
+                if (!imap.selectMailbox("INBOX", false, rs, ok, log, sp)) return false;
                 EXPECT_EQ(imap.get_NumEmailsInMailbox(), 3u);
                 return true;
-            }
-            case kFetchWhole: {
-                ImapFlags flags;
-                StringBuffer date, text;
-                DataBuffer mime;
-                bool ok = false;
+            case kFetchWhole:
                 if (!imap.fetchCompleteWithAttachments_u(1, true, flags, date, text, mime, ok, sp, log)) return false;
                 EXPECT_TRUE(ok);
-                EXPECT_EQ(std::string(reinterpret_cast<const char*>(mime.getData2()), mime.getSize()), kMessage);
+                EXPECT_EQ(got(), kMessage);
                 EXPECT_STREQ(date.getString(), "01-Jan-2024 10:00:00 +0000");
                 return true;
-            }
-            case kFetchParts: {
-                ImapMsgSummary summary;
+            case kFetchParts:
                 mixedSummary(summary);
-                ImapFlags flags;
-                StringBuffer date, text;
-                DataBuffer mime;
-                bool ok = false;
                 if (!imap.fetchCompleteWithoutAttachments_u(2, true, summary, flags, date, text, mime, ok, sp, log))
                     return false;
                 EXPECT_TRUE(ok);
-                const std::string got(reinterpret_cast<const char*>(mime.getData2()), mime.getSize());
-                EXPECT_EQ(got, kTopHeader + "--b1\r\n" + kPartMime + kPartBody + "--b1--\r\n");
+                EXPECT_EQ(got(), kTopHeader + "--b1\r\n" + kPartMime + kPartBody + "--b1--\r\n");
                 return true;
-            }
-            case kAppend: {
-                ExtPtrArraySb completion;
+            case kAppend:
                 if (!imap.appendMime("INBOX", kAppended.c_str(), nullptr, true, false, false, false, false, completion,
                                      rs, log, sp))
                     return false;
                 EXPECT_EQ(completion.getSize(), 1);
                 return true;
-            }
             case kIdleStart:
                 return imap.cmdNoArgs("IDLE", rs, log, sp);
-            case kIdleCheck: {
-                XString xml;
+            case kIdleCheck:
                 idleOk = imap.idleCheck(150, xml, sp, log);
                 idleXml = xml.getUtf8();
                 return idleOk;
-            }
             case kIdleDone:
                 return imap.cmdNoArgs("DONE", rs, log, sp) && rs.isOK(false, log);
-            case kLogout: {
-                StringBuffer line;
+            case kLogout:
                 if (!imap.logout(line, sp, log)) return false;
                 EXPECT_STREQ(line.getString(), "* BYE Logging out\r\n");
                 return true;
-            }
             default:
                 return false;
         }
@@ -258,8 +244,7 @@ int runSession(Client& c, long& failedMs) {
         const Clock::time_point t0 = Clock::now();
         const bool ok = c.run(op);
         failedMs = msSince(t0);
-        if (!ok) return op;
-        if (::testing::Test::HasFailure()) return op;
+        if (!ok || ::testing::Test::HasFailure()) return op;
     }
     return kNoOp;
 }

@@ -1,16 +1,14 @@
 // Helpers of the robustness tests: resource counters, a scoped buffer
 // ceiling and a flooding server for the hostile cases that need an endless
-// stream (the scripted server holds its whole script in memory, which would
-// distort the memory measurements).
+// stream.
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
+#include "ScriptedServer.h"
 #include "zrimap/engine.h"
 
 namespace zr::test {
@@ -44,12 +42,10 @@ public:
 };
 
 // Serves one connection on 127.0.0.1: sends the greeting, then for each
-// reply reads one line from the client and sends the reply, then writes
-// `chunk` again and again until the client closes, `maxBytes` have been
-// flooded or `maxTime` has passed. Whatever the client sends meanwhile is
-// read and dropped. Then it accepts one more connection, if one comes within
-// `maxTime`, and greets it with "* OK again", so a test can check that the
-// object connects again.
+// reply reads one line from the client and sends the reply, then floods
+// `chunk` until the client hangs up (or `maxBytes` are out). Unless
+// acceptSecond is false it then accepts one more connection and greets it
+// with "* OK again", so a test can check that the object connects again.
 class FloodServer {
 public:
     struct Config {
@@ -57,24 +53,20 @@ public:
         std::vector<std::string> replies;
         std::string chunk;
         std::uint64_t maxBytes = 256u << 20;
-        std::chrono::milliseconds maxTime{20000};
-        bool acceptSecond = true;  // false: no reconnect is waited for
+        bool acceptSecond = true;
     };
-    explicit FloodServer(Config config);
-    ~FloodServer();  // stops and joins
-    FloodServer(const FloodServer&) = delete;
-    FloodServer& operator=(const FloodServer&) = delete;
+    explicit FloodServer(const Config& config);
 
-    std::uint16_t port() const;
-    // Waits for the server thread (bounded by maxTime twice plus a margin).
-    void join();
-    // After join(): whether the client hung up (rather than the byte or
-    // time cap ending the flood).
-    bool clientClosed() const;
+    std::uint16_t port() const { return server_.port(); }
+    // Waits for the script to end.
+    void join() { verdict_ = server_.finish(); }
+    // After join(): whether the client hung up on the flood instead of
+    // reading to the cap (and, with acceptSecond, came back and left again).
+    const ::testing::AssertionResult& clientClosed() const { return verdict_; }
 
 private:
-    struct Impl;
-    std::unique_ptr<Impl> impl_;
+    ScriptedServer server_;
+    ::testing::AssertionResult verdict_ = ::testing::AssertionFailure() << "join() was not called";
 };
 
 }  // namespace zr::test

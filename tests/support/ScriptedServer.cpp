@@ -12,10 +12,10 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
-#include <cstdio>
 #include <cstring>
-#include <map>
+#include <functional>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -30,55 +30,31 @@ using Millis = ScriptedServer::Millis;
 
 // Long enough to show a whole IMAP exchange, short enough to keep a report readable.
 constexpr std::size_t kMaxShown = 2000;
+const char kNoConnection[] = "no open connection (closed earlier; use acceptNext())";
+const char kStopped[] = "server stopped";
 
 std::string quote(const std::string& bytes, std::size_t limit = kMaxShown) {
     if (bytes.size() <= limit) return "\"" + visible(bytes) + "\"";
-    return "\"" + visible(bytes.substr(0, limit)) + "\"... (" + std::to_string(bytes.size()) +
-           " bytes in all)";
-}
-
-std::string tail(const std::string& bytes) {
-    if (bytes.size() <= kMaxShown) return quote(bytes);
-    return "...\"" + visible(bytes.substr(bytes.size() - kMaxShown)) + "\"";
+    return "\"" + visible(bytes.substr(0, limit)) + "\"... (" + std::to_string(bytes.size()) + " bytes in all)";
 }
 
 std::string ms(Millis d) { return std::to_string(d.count()) + " ms"; }
 
-std::system_error sysError(const char* what) {
-    return std::system_error(errno, std::generic_category(), what);
+bool transient() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR; }
+
+void check(bool ok, const char* what) {
+    if (!ok) throw std::system_error(errno, std::generic_category(), what);
 }
 
-void setNonBlocking(int fd) {
-    int flags = ::fcntl(fd, F_GETFL, 0);
-    if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) throw sysError("fcntl");
-}
-
-// Parses "{tag}" (slot 0) or "{tagN}" at `pos`; returns the slot and sets `len`, or -1.
-int placeholderAt(const std::string& s, std::size_t pos, std::size_t& len) {
-    if (s.compare(pos, 4, "{tag") != 0) return -1;
-    std::size_t i = pos + 4;
-    int slot = 0;
-    while (i < s.size() && s[i] >= '0' && s[i] <= '9' && i - pos < 8) slot = slot * 10 + (s[i++] - '0');
-    if (i >= s.size() || s[i] != '}') return -1;
-    if (i == pos + 4) slot = 0;
-    else if (slot == 0) return -1;  // "{tag0}" is not a thing; keep it literal
-    len = i + 1 - pos;
-    return slot;
-}
-
-std::string placeholderName(int slot) {
-    return slot == 0 ? "{tag}" : "{tag" + std::to_string(slot) + "}";
-}
-
-bool isTag(const std::string& s) {
-    return s.size() >= 4 && std::all_of(s.begin(), s.begin() + 4, [](char c) { return c >= 'a' && c <= 'z'; });
+void notStarted(bool started, const std::string& what) {
+    if (started) throw std::logic_error("ScriptedServer: " + what + " after start()");
 }
 
 }  // namespace
 
 std::string visible(const std::string& bytes) {
+    static const char kHex[] = "0123456789ABCDEF";
     std::string out;
-    out.reserve(bytes.size());
     for (unsigned char c : bytes) {
         switch (c) {
         case '\r': out += "\\r"; break;
@@ -86,13 +62,8 @@ std::string visible(const std::string& bytes) {
         case '\t': out += "\\t"; break;
         case '\\': out += "\\\\"; break;
         default:
-            if (c >= 0x20 && c < 0x7f) {
-                out += static_cast<char>(c);
-            } else {
-                char hex[5];
-                std::snprintf(hex, sizeof hex, "\\x%02X", c);
-                out += hex;
-            }
+            if (c >= 0x20 && c < 0x7f) out += static_cast<char>(c);
+            else out += {'\\', 'x', kHex[c >> 4], kHex[c & 15]};
         }
     }
     return out;
@@ -112,18 +83,11 @@ std::string ScriptedServer::Mode::name() const {
     return n;
 }
 
+// A step is its description for the report and what it does; the returned
+// text is empty when it passed, else why it failed.
 struct ScriptedServer::Step {
-    enum class Kind { Send, Expect, ExpectRaw, ReadLine, Stall, Close, CloseAfter, AcceptNext, ExpectClose };
-    Step(Kind k, std::string b, std::string d) : kind(k), bytes(std::move(b)), description(std::move(d)) {}
-    Kind kind;
-    std::string bytes;
     std::string description;
-    // Send: a fixed shape overrides the server-wide mode.
-    bool fixedShape = false;
-    Mode shape = Mode::Whole;
-    std::vector<std::size_t> offsets;  // fixed shape with several cuts
-    Millis duration{0};                // stall
-    std::size_t count = 0;             // closeAfter
+    std::function<std::string(Impl&)> run;
 };
 
 struct ScriptedServer::Impl {
@@ -131,32 +95,29 @@ struct ScriptedServer::Impl {
     std::vector<Step> steps;
     Mode mode = Mode::Whole;
     Millis stepTimeout{5000};
+    Millis stallsAndPauses{0};  // of the stalls and the fixed-shape sends
+    std::size_t modeBytes = 0;  // sent in the server-wide mode, a pause possible after each
     std::uint16_t port = 0;
-    int wakeRead = -1;
-    int wakeWrite = -1;
+    int listenFd = -1, wakeRead = -1, wakeWrite = -1;
     std::thread thread;
-    bool started = false;
-    bool joined = false;
-    bool finishedInTime = true;
-    Millis bound{0};
+    bool started = false, joined = false;
+    std::optional<Millis> overran;  // finish() stopped waiting after this long
     std::atomic<bool> stopping{false};
 
-    // Owned by the server thread while it runs, by whoever holds the object otherwise.
-    int listenFd = -1;
+    // The server thread's while it runs.
     int conn = -1;
     std::string inbuf;  // read from the client but not yet consumed by a step
-    std::map<int, std::string> tags;
+    std::string tag;    // captured last by "{tag}"
+    bool clientGone = false;
 
     // Shared between the threads.
     mutable std::mutex mu;
     std::condition_variable cv;
     bool done = false;
-    std::size_t currentStep = 0;  // 1-based; 0 = accepting the first connection
-    std::string failure;          // empty while everything matched
+    std::atomic<std::size_t> currentStep{0};  // 1-based; 0 = accepting the first connection
+    std::string failure;
     std::vector<std::string> perConnection;
     std::vector<std::size_t> writes;
-
-    enum class Wait { Ready, Timeout, Stopped };
 
     ~Impl() {
         for (int fd : {conn, listenFd, wakeRead, wakeWrite})
@@ -170,175 +131,154 @@ struct ScriptedServer::Impl {
         [[maybe_unused]] ssize_t n = ::write(wakeWrite, &b, 1);
     }
 
-    // Waits until `fd` has one of `events`, the deadline passes or a stop is requested.
-    Wait waitFor(int fd, short events, Clock::time_point deadline) {
+    Clock::time_point deadline() const { return Clock::now() + stepTimeout; }
+
+    // Empty once fd has one of `events` (errors and hang-ups surface in the
+    // recv or send that follows), else why not.
+    std::string waitFor(int fd, short events, Clock::time_point until) {
         for (;;) {
-            if (stopping) return Wait::Stopped;
-            auto left = std::chrono::ceil<Millis>(deadline - Clock::now());
+            const auto left = std::max<Millis::rep>(0, std::chrono::ceil<Millis>(until - Clock::now()).count());
             pollfd pfd[2] = {{wakeRead, POLLIN, 0}, {fd, events, 0}};
-            int r = ::poll(pfd, fd >= 0 ? 2 : 1, static_cast<int>(std::max<Millis::rep>(0, left.count())));
-            if (r < 0 && errno == EINTR) continue;
-            if (pfd[0].revents) return Wait::Stopped;
-            if (r > 0) return Wait::Ready;  // errors and hang-ups surface in the following recv/send
-            if (left.count() <= 0) return Wait::Timeout;
+            const int r = ::poll(pfd, fd >= 0 ? 2 : 1, static_cast<int>(left));
+            if (stopping) return kStopped;
+            if (r > 0) return {};
+            if (left == 0) return "timed out after " + ms(stepTimeout);
         }
     }
 
     // Sleeps without reading or writing; false if a stop cut it short.
     bool pause(Millis d) {
-        auto deadline = Clock::now() + d;
-        while (Clock::now() < deadline)
-            if (waitFor(-1, 0, deadline) == Wait::Stopped) return false;
-        return true;
+        waitFor(-1, 0, Clock::now() + d);
+        return !stopping;
     }
 
-    Clock::time_point deadline() const { return Clock::now() + stepTimeout; }
-
-    void record(const char* data, std::size_t n) {
+    void record(const char* data, ssize_t n) {
         std::lock_guard<std::mutex> lock(mu);
-        perConnection.back().append(data, n);
+        perConnection.back().append(data, static_cast<std::size_t>(n));
     }
 
-    enum class Fill { Data, Eof, Reset, Timeout, Stopped };
-
-    // Reads whatever the client has sent into inbuf.
-    Fill fill(Clock::time_point until, std::string& error) {
+    // Adds what the client sends next to inbuf; empty if something came, else why not.
+    std::string fill(Clock::time_point until) {
         for (;;) {
-            Wait w = waitFor(conn, POLLIN, until);
-            if (w == Wait::Timeout) return Fill::Timeout;
-            if (w == Wait::Stopped) return Fill::Stopped;
+            if (auto why = waitFor(conn, POLLIN, until); !why.empty()) return why;
             char buf[4096];
-            ssize_t n = ::recv(conn, buf, sizeof buf, 0);
+            const ssize_t n = ::recv(conn, buf, sizeof buf, 0);
             if (n > 0) {
-                record(buf, static_cast<std::size_t>(n));
+                record(buf, n);
                 inbuf.append(buf, static_cast<std::size_t>(n));
-                return Fill::Data;
-            }
-            if (n == 0) return Fill::Eof;
-            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) continue;
-            error = std::strerror(errno);
-            return Fill::Reset;
-        }
-    }
-
-    std::string describeStop(Fill f, const std::string& what, const std::string& error) {
-        std::string got = "; received so far " + quote(inbuf);
-        switch (f) {
-        case Fill::Eof: return "client closed the connection while waiting for " + what + got;
-        case Fill::Reset: return "connection error (" + error + ") while waiting for " + what + got;
-        case Fill::Timeout: return "timed out after " + ms(stepTimeout) + " waiting for " + what + got;
-        default: return "server stopped while waiting for " + what + got;
-        }
-    }
-
-    // Takes the next complete line (with its CRLF) out of inbuf.
-    std::string takeLine(std::string& line) {
-        if (conn < 0) return "no open connection (closed earlier; use acceptNext())";
-        auto until = deadline();
-        for (;;) {
-            auto pos = inbuf.find("\r\n");
-            if (pos != std::string::npos) {
-                line = inbuf.substr(0, pos + 2);
-                inbuf.erase(0, pos + 2);
                 return {};
             }
-            std::string error;
-            Fill f = fill(until, error);
-            if (f != Fill::Data) return describeStop(f, "a line ending in \\r\\n", error);
+            clientGone = n == 0 || !transient();
+            if (n == 0) return "client closed the connection";
+            if (clientGone) return std::string("connection error (") + std::strerror(errno) + ")";
         }
     }
 
-    std::string takeBytes(std::size_t n, std::string& out) {
-        if (conn < 0) return "no open connection (closed earlier; use acceptNext())";
-        auto until = deadline();
-        while (inbuf.size() < n) {
-            std::string error;
-            Fill f = fill(until, error);
-            if (f != Fill::Data) return describeStop(f, std::to_string(n) + " bytes", error);
-        }
+    // Reads until `ready` says how many bytes of inbuf are complete (npos: not yet) and moves them to `out`.
+    std::string take(const std::string& what, const std::function<std::size_t()>& ready, std::string& out) {
+        if (conn < 0) return kNoConnection;
+        const auto until = deadline();
+        std::size_t n;
+        while ((n = ready()) == std::string::npos)
+            if (auto why = fill(until); !why.empty())
+                return why + " while waiting for " + what + "; received so far " + quote(inbuf);
         out = inbuf.substr(0, n);
         inbuf.erase(0, n);
         return {};
     }
 
-    // Replaces tag placeholders with captured tags; `from` skips a capture at the start.
-    std::string expand(const std::string& text, std::string& out, std::size_t from = 0) const {
-        out.clear();
-        for (std::size_t i = from; i < text.size();) {
-            std::size_t len = 0;
-            int slot = placeholderAt(text, i, len);
-            if (slot < 0) {
-                out += text[i++];
-                continue;
-            }
-            auto it = tags.find(slot);
-            if (it == tags.end()) return placeholderName(slot) + " used before any tag was captured into it";
-            out += it->second;
-            i += len;
+    std::string takeLine(std::string& line) {
+        return take("a line ending in \\r\\n", [this] {
+            const auto end = inbuf.find("\r\n");
+            return end == std::string::npos ? end : end + 2;
+        }, line);
+    }
+
+    // Replaces every "{tag}" with the captured tag.
+    std::string expand(std::string text, std::string& out) const {
+        for (auto at = text.find("{tag}"); at != std::string::npos; at = text.find("{tag}", at + tag.size())) {
+            if (tag.empty()) return "{tag} used before any tag was captured";
+            text.replace(at, 5, tag);
         }
+        out = std::move(text);
         return {};
     }
 
+    std::string matchLine(const std::string& pattern, const std::string& line) {
+        const bool capture = pattern.compare(0, 5, "{tag}") == 0;
+        if (capture) {
+            const auto lower = [](char c) { return c >= 'a' && c <= 'z'; };
+            if (line.size() < 4 || !std::all_of(line.begin(), line.begin() + 4, lower))
+                return "expected " + quote(pattern) + " (a tag of 4 lower-case letters first) but received " +
+                       quote(line);
+            tag = line.substr(0, 4);
+        }
+        std::string rest;
+        if (auto err = expand(pattern.substr(capture ? 5 : 0), rest); !err.empty()) return err;
+        if (line.compare(capture ? 4 : 0, std::string::npos, rest) == 0) return {};
+        return "expected " + quote((capture ? "{tag}" : "") + rest) + " but received " + quote(line);
+    }
+
     std::string writeAll(const std::string& data) {
-        if (conn < 0) return "no open connection (closed earlier; use acceptNext())";
-        std::size_t off = 0;
-        auto until = deadline();
-        while (off < data.size()) {
-            ssize_t n = ::send(conn, data.data() + off, data.size() - off, MSG_NOSIGNAL);
-            if (n > 0) {
-                off += static_cast<std::size_t>(n);
-                continue;
-            }
-            if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
-                Wait w = waitFor(conn, POLLOUT, until);
-                if (w == Wait::Timeout) return "timed out after " + ms(stepTimeout) + " writing to the client";
-                if (w == Wait::Stopped) return "server stopped while writing";
-                continue;
-            }
-            return std::string("write failed, the client has gone away (") + std::strerror(errno) + ")";
+        if (conn < 0) return kNoConnection;
+        const auto until = deadline();
+        for (std::size_t off = 0; off < data.size();) {
+            const ssize_t n = ::send(conn, data.data() + off, data.size() - off, MSG_NOSIGNAL);
+            if (n > 0) off += static_cast<std::size_t>(n);
+            else if (!transient())
+                return std::string("write failed, the client has gone away (") + std::strerror(errno) + ")";
+            else if (auto why = waitFor(conn, POLLOUT, until); !why.empty()) return why + " writing to the client";
         }
         std::lock_guard<std::mutex> lock(mu);
         writes.push_back(data.size());
         return {};
     }
 
-    std::string sendShaped(const std::string& bytes, const Step& step) {
-        Mode m = step.fixedShape ? step.shape : mode;
-        std::vector<std::size_t> cuts;
-        if (m.kind == Mode::Kind::ByteByByte)
-            for (std::size_t i = 1; i < bytes.size(); ++i) cuts.push_back(i);
-        else if (m.kind == Mode::Kind::SplitAt)
-            cuts = step.fixedShape && !step.offsets.empty() ? step.offsets : std::vector<std::size_t>{m.offset};
-        std::sort(cuts.begin(), cuts.end());
-        cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
-        cuts.erase(std::remove_if(cuts.begin(), cuts.end(), [&](std::size_t c) { return c == 0 || c >= bytes.size(); }),
-                   cuts.end());
-        cuts.push_back(bytes.size());
-        std::size_t start = 0;
-        for (std::size_t c : cuts) {
-            if (c <= start) continue;  // empty send: nothing to write
-            if (start > 0 && m.pause.count() > 0 && !pause(m.pause)) return "server stopped during a pause";
-            if (auto err = writeAll(bytes.substr(start, c - start)); !err.empty()) return err;
-            start = c;
+    std::string sendShaped(const std::string& bytes, const Mode& m) {
+        std::string text;
+        if (auto err = expand(bytes, text); !err.empty()) return err;
+        for (std::size_t start = 0; start < text.size();) {
+            std::size_t end = text.size();
+            if (m.kind == Mode::Kind::ByteByByte) end = start + 1;
+            if (m.kind == Mode::Kind::SplitAt && start < m.offset) end = std::min(m.offset, end);
+            if (start > 0 && !pause(m.pause)) return "server stopped during a pause";
+            if (auto err = writeAll(text.substr(start, end - start)); !err.empty()) return err;
+            start = end;
         }
         return {};
     }
 
+    std::string flood(const std::string& chunk, std::uint64_t maxBytes) {
+        if (conn < 0) return kNoConnection;
+        char buf[4096];
+        for (std::uint64_t sent = 0; sent < maxBytes;) {
+            ssize_t n;
+            while ((n = ::recv(conn, buf, sizeof buf, 0)) > 0) record(buf, n);
+            if (n == 0 || !transient()) return {};
+            const std::size_t at = static_cast<std::size_t>(sent % chunk.size());
+            const std::uint64_t len = std::min<std::uint64_t>(chunk.size() - at, maxBytes - sent);
+            n = ::send(conn, chunk.data() + at, len, MSG_NOSIGNAL);
+            if (n > 0) sent += static_cast<std::uint64_t>(n);
+            else if (!transient()) return {};
+            else if (auto why = waitFor(conn, POLLIN | POLLOUT, deadline()); !why.empty())
+                return why + " while the client neither read the flood nor hung up";
+        }
+        return "the client read all " + std::to_string(maxBytes) + " bytes of the flood without hanging up";
+    }
+
     std::string accept() {
-        auto until = deadline();
+        const auto until = deadline();
         for (;;) {
-            Wait w = waitFor(listenFd, POLLIN, until);
-            if (w == Wait::Timeout) return "no client connected within " + ms(stepTimeout);
-            if (w == Wait::Stopped) return "server stopped while waiting for a client to connect";
-            int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-            if (fd < 0) {
-                if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR || errno == ECONNABORTED) continue;
-                return std::string("accept failed: ") + std::strerror(errno);
-            }
+            if (auto why = waitFor(listenFd, POLLIN, until); !why.empty())
+                return why + " while waiting for a client to connect";
+            const int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+            if (fd < 0 && (transient() || errno == ECONNABORTED)) continue;
+            if (fd < 0) return std::string("accept failed: ") + std::strerror(errno);
             int one = 1;
             ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
             conn = fd;
             inbuf.clear();
+            clientGone = false;
             std::lock_guard<std::mutex> lock(mu);
             perConnection.emplace_back();
             return {};
@@ -352,84 +292,26 @@ struct ScriptedServer::Impl {
         ::shutdown(conn, SHUT_WR);
         char buf[4096];
         ssize_t n;
-        while ((n = ::recv(conn, buf, sizeof buf, MSG_DONTWAIT)) > 0) record(buf, static_cast<std::size_t>(n));
+        while ((n = ::recv(conn, buf, sizeof buf, MSG_DONTWAIT)) > 0) record(buf, n);
         ::close(conn);
         conn = -1;
     }
 
-    std::string runStep(const Step& s) {
-        using K = Step::Kind;
-        std::string text;
-        switch (s.kind) {
-        case K::Send:
-        case K::CloseAfter: {
-            if (auto err = expand(s.bytes, text); !err.empty()) return err;
-            if (s.kind == K::Send) return sendShaped(text, s);
-            if (auto err = writeAll(text.substr(0, std::min(s.count, text.size()))); !err.empty()) return err;
-            closeConnection();
-            return {};
-        }
-        case K::Expect: {
-            std::string line;
-            if (auto err = takeLine(line); !err.empty()) return err;
-            return matchLine(s.bytes, line);
-        }
-        case K::ExpectRaw: {
-            if (auto err = takeBytes(s.bytes.size(), text); !err.empty()) return err;
-            return text == s.bytes ? std::string()
-                                   : "expected " + quote(s.bytes) + " but received " + quote(text);
-        }
-        case K::ReadLine: return takeLine(text);
-        case K::Stall: return pause(s.duration) ? std::string() : "server stopped during the stall";
-        case K::Close: closeConnection(); return {};
-        case K::AcceptNext: closeConnection(); return accept();
-        case K::ExpectClose: return awaitClose();
-        }
-        return "unknown step";
-    }
-
-    std::string matchLine(const std::string& pattern, const std::string& line) {
-        std::size_t len = 0;
-        int slot = placeholderAt(pattern, 0, len);
-        std::size_t skip = 0;
-        if (slot >= 0) {
-            if (!isTag(line))
-                return "expected " + quote(pattern) + " (a tag of 4 lower-case letters first) but received " +
-                       quote(line);
-            tags[0] = tags[slot] = line.substr(0, 4);
-            skip = 4;
-        }
-        std::string rest;
-        if (auto err = expand(pattern, rest, slot >= 0 ? len : 0); !err.empty()) return err;
-        if (line.compare(skip, std::string::npos, rest) == 0) return {};
-        std::string shown = slot >= 0 ? placeholderName(slot) + rest : rest;
-        return "expected " + quote(shown) + " but received " + quote(line);
-    }
-
     std::string awaitClose() {
-        if (conn < 0) return "no open connection (closed earlier; use acceptNext())";
-        auto until = deadline();
-        for (;;) {
-            if (!inbuf.empty()) return "expected the client to close, but it sent " + quote(inbuf);
-            std::string error;
-            switch (fill(until, error)) {
-            case Fill::Eof:
-            case Fill::Reset: return {};
-            case Fill::Timeout: return "client did not close the connection within " + ms(stepTimeout);
-            case Fill::Stopped: return "server stopped while waiting for the client to close";
-            case Fill::Data: break;
-            }
+        if (conn < 0) return kNoConnection;
+        const auto until = deadline();
+        std::string why;
+        while (inbuf.empty() && (why = fill(until)).empty()) {
         }
+        if (!inbuf.empty()) return "expected the client to close, but it sent " + quote(inbuf);
+        return clientGone ? std::string() : why + " while waiting for the client to close";
     }
 
     void run() {
         std::string err = accept();
         for (std::size_t i = 0; err.empty() && i < steps.size(); ++i) {
-            {
-                std::lock_guard<std::mutex> lock(mu);
-                currentStep = i + 1;
-            }
-            err = runStep(steps[i]);
+            currentStep = i + 1;
+            err = steps[i].run(*this);
         }
         closeConnection();
         ::close(listenFd);  // later connection attempts are refused instead of hanging
@@ -438,15 +320,6 @@ struct ScriptedServer::Impl {
         failure = err;
         done = true;
         cv.notify_all();
-    }
-
-    Millis defaultBound() const {
-        Millis total = stepTimeout + Millis{10000};
-        for (const Step& s : steps) {
-            total += s.duration;
-            if (s.kind == Step::Kind::Send) total += (s.fixedShape ? s.shape : mode).pause * static_cast<Millis::rep>(s.bytes.size());
-        }
-        return total;
     }
 
     std::string stepName(std::size_t index) const {
@@ -458,36 +331,40 @@ struct ScriptedServer::Impl {
     std::string reportLocked() const {
         if (!started) return "ScriptedServer: start() was never called";
         if (!done) return "ScriptedServer: still running, at " + stepName(currentStep);
-        if (failure.empty() && finishedInTime)
+        if (failure.empty() && !overran)
             return "ScriptedServer: all " + std::to_string(steps.size()) + " steps matched";
         std::string r = "ScriptedServer failed at " + stepName(currentStep) + ":\n  ";
-        if (!finishedInTime) r += "the script did not finish within " + ms(bound) + "; ";
+        if (overran) r += "the script did not finish within " + ms(*overran) + "; ";
         r += failure;
-        if (!perConnection.empty())
-            r += "\n  client bytes on connection " + std::to_string(perConnection.size()) + ": " +
-                 tail(perConnection.back());
-        return r;
+        if (perConnection.empty()) return r;
+        const std::string& last = perConnection.back();
+        const std::string shown =
+            last.size() <= kMaxShown ? quote(last) : "...\"" + visible(last.substr(last.size() - kMaxShown)) + "\"";
+        return r + "\n  client bytes on connection " + std::to_string(perConnection.size()) + ": " + shown;
+    }
+
+    static Step sendStep(const std::string& name, const std::string& bytes, std::optional<Mode> shape) {
+        return {name + "(" + quote(bytes, 80) + ")",
+                [bytes, shape](Impl& d) { return d.sendShaped(bytes, shape.value_or(d.mode)); }};
     }
 };
 
 ScriptedServer::ScriptedServer() : impl_(std::make_unique<Impl>()) {
     int pipefd[2];
-    if (::pipe2(pipefd, O_CLOEXEC | O_NONBLOCK) < 0) throw sysError("pipe2");
+    check(::pipe2(pipefd, O_CLOEXEC | O_NONBLOCK) == 0, "pipe2");
     impl_->wakeRead = pipefd[0];
     impl_->wakeWrite = pipefd[1];
-
-    impl_->listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (impl_->listenFd < 0) throw sysError("socket");
+    int& fd = impl_->listenFd;
+    fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    check(fd >= 0, "socket");
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
     socklen_t len = sizeof addr;
-    if (::bind(impl_->listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) throw sysError("bind");
-    if (::listen(impl_->listenFd, 16) < 0) throw sysError("listen");
-    if (::getsockname(impl_->listenFd, reinterpret_cast<sockaddr*>(&addr), &len) < 0) throw sysError("getsockname");
+    check(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0, "bind");
+    check(::listen(fd, 16) == 0, "listen");
+    check(::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0, "getsockname");
     impl_->port = ntohs(addr.sin_port);
-    setNonBlocking(impl_->listenFd);
 }
 
 ScriptedServer::~ScriptedServer() {
@@ -500,102 +377,115 @@ ScriptedServer::~ScriptedServer() {
 std::uint16_t ScriptedServer::port() const { return impl_->port; }
 
 ScriptedServer& ScriptedServer::add(Step step) {
-    if (impl_->started) throw std::logic_error("ScriptedServer: steps must be added before start()");
+    notStarted(impl_->started, step.description);
     impl_->steps.push_back(std::move(step));
     return *this;
 }
 
 ScriptedServer& ScriptedServer::setMode(Mode mode) {
-    if (impl_->started) throw std::logic_error("ScriptedServer: setMode() after start()");
+    notStarted(impl_->started, "setMode()");
     impl_->mode = mode;
     return *this;
 }
 
 ScriptedServer& ScriptedServer::setStepTimeout(Millis timeout) {
-    if (impl_->started) throw std::logic_error("ScriptedServer: setStepTimeout() after start()");
+    notStarted(impl_->started, "setStepTimeout()");
     impl_->stepTimeout = timeout;
     return *this;
 }
 
 ScriptedServer& ScriptedServer::send(const std::string& bytes) {
-    return add({Step::Kind::Send, bytes, "send(" + quote(bytes, 80) + ")"});
+    impl_->modeBytes += bytes.size();
+    return add(Impl::sendStep("send", bytes, std::nullopt));
 }
 
 ScriptedServer& ScriptedServer::sendWhole(const std::string& bytes) {
-    Step s{Step::Kind::Send, bytes, "sendWhole(" + quote(bytes, 80) + ")"};
-    s.fixedShape = true;
-    return add(std::move(s));
+    return add(Impl::sendStep("sendWhole", bytes, Mode::Whole));
 }
 
 ScriptedServer& ScriptedServer::sendBytewise(const std::string& bytes, Millis pause) {
-    Step s{Step::Kind::Send, bytes, "sendBytewise(" + quote(bytes, 80) + ")"};
-    s.fixedShape = true;
-    s.shape = Mode::ByteByByte.withPause(pause);
-    return add(std::move(s));
-}
-
-ScriptedServer& ScriptedServer::sendSplit(const std::string& bytes, std::vector<std::size_t> offsets, Millis pause) {
-    std::string at;
-    for (std::size_t o : offsets) at += (at.empty() ? "" : ",") + std::to_string(o);
-    Step s{Step::Kind::Send, bytes, "sendSplit(" + quote(bytes, 80) + ", {" + at + "})"};
-    s.fixedShape = true;
-    s.shape = Mode::SplitAt(0).withPause(pause);
-    s.offsets = std::move(offsets);
-    return add(std::move(s));
+    impl_->stallsAndPauses += pause * static_cast<Millis::rep>(bytes.size());
+    return add(Impl::sendStep("sendBytewise", bytes, Mode::ByteByByte.withPause(pause)));
 }
 
 ScriptedServer& ScriptedServer::expect(const std::string& line) {
-    return add({Step::Kind::Expect, line, "expect(" + quote(line, 80) + ")"});
+    return add({"expect(" + quote(line, 80) + ")", [line](Impl& d) {
+                    std::string got;
+                    auto err = d.takeLine(got);
+                    return err.empty() ? d.matchLine(line, got) : err;
+                }});
 }
 
 ScriptedServer& ScriptedServer::expectRaw(const std::string& bytes) {
-    return add({Step::Kind::ExpectRaw, bytes, "expectRaw(" + quote(bytes, 80) + ")"});
+    return add({"expectRaw(" + quote(bytes, 80) + ")", [bytes](Impl& d) {
+                    const std::size_t n = bytes.size();
+                    std::string got;
+                    auto err = d.take(std::to_string(n) + " bytes",
+                                      [&] { return d.inbuf.size() >= n ? n : std::string::npos; }, got);
+                    if (err.empty() && got != bytes) err = "expected " + quote(bytes) + " but received " + quote(got);
+                    return err;
+                }});
 }
 
-ScriptedServer& ScriptedServer::readLine() { return add({Step::Kind::ReadLine, {}, "readLine()"}); }
+ScriptedServer& ScriptedServer::readLine() {
+    return add({"readLine()", [](Impl& d) { std::string line; return d.takeLine(line); }});
+}
 
 ScriptedServer& ScriptedServer::stall(Millis duration) {
-    Step s{Step::Kind::Stall, {}, "stall(" + ms(duration) + ")"};
-    s.duration = duration;
-    return add(std::move(s));
+    impl_->stallsAndPauses += duration;
+    return add({"stall(" + ms(duration) + ")",
+                [duration](Impl& d) { return d.pause(duration) ? std::string() : "server stopped during the stall"; }});
 }
 
-ScriptedServer& ScriptedServer::close() { return add({Step::Kind::Close, {}, "close()"}); }
+ScriptedServer& ScriptedServer::close() {
+    return add({"close()", [](Impl& d) { d.closeConnection(); return std::string(); }});
+}
 
 ScriptedServer& ScriptedServer::closeAfter(const std::string& bytes, std::size_t n) {
-    Step s{Step::Kind::CloseAfter, bytes, "closeAfter(" + quote(bytes, 80) + ", " + std::to_string(n) + ")"};
-    s.count = n;
-    return add(std::move(s));
+    return add({"closeAfter(" + quote(bytes, 80) + ", " + std::to_string(n) + ")", [bytes, n](Impl& d) {
+                    std::string text;
+                    auto err = d.expand(bytes, text);
+                    if (err.empty()) err = d.writeAll(text.substr(0, n));
+                    d.closeConnection();
+                    return err;
+                }});
 }
 
-ScriptedServer& ScriptedServer::acceptNext() { return add({Step::Kind::AcceptNext, {}, "acceptNext()"}); }
+ScriptedServer& ScriptedServer::acceptNext() {
+    return add({"acceptNext()", [](Impl& d) { d.closeConnection(); return d.accept(); }});
+}
 
-ScriptedServer& ScriptedServer::expectClose() { return add({Step::Kind::ExpectClose, {}, "expectClose()"}); }
+ScriptedServer& ScriptedServer::expectClose() {
+    return add({"expectClose()", [](Impl& d) { return d.awaitClose(); }});
+}
+
+ScriptedServer& ScriptedServer::flood(const std::string& chunk, std::uint64_t maxBytes) {
+    if (chunk.empty()) throw std::invalid_argument("ScriptedServer: flood() needs a chunk");
+    return add({"flood(" + quote(chunk, 80) + ", " + std::to_string(maxBytes) + ")",
+                [chunk, maxBytes](Impl& d) { return d.flood(chunk, maxBytes); }});
+}
 
 void ScriptedServer::start() {
-    if (impl_->started) throw std::logic_error("ScriptedServer: start() called twice");
+    notStarted(impl_->started, "start()");
     impl_->started = true;
     impl_->thread = std::thread([impl = impl_.get()] { impl->run(); });
 }
 
-::testing::AssertionResult ScriptedServer::finish() { return finish(impl_->defaultBound()); }
-
-::testing::AssertionResult ScriptedServer::finish(Millis bound) {
+::testing::AssertionResult ScriptedServer::finish() {
     Impl& d = *impl_;
     if (d.started && !d.joined) {
+        const Millis bound = d.stepTimeout + Millis{10000} + d.stallsAndPauses +
+                             d.mode.pause * static_cast<Millis::rep>(d.modeBytes);
         {
             std::unique_lock<std::mutex> lock(d.mu);
-            if (!d.cv.wait_for(lock, bound, [&] { return d.done; })) {
-                d.finishedInTime = false;
-                d.bound = bound;
-            }
+            if (!d.cv.wait_for(lock, bound, [&] { return d.done; })) d.overran = bound;
         }
         d.wake();
         d.thread.join();
         d.joined = true;
     }
     std::lock_guard<std::mutex> lock(d.mu);
-    bool ok = d.started && d.failure.empty() && d.finishedInTime;
+    const bool ok = d.started && d.failure.empty() && !d.overran;
     return (ok ? ::testing::AssertionSuccess() : ::testing::AssertionFailure()) << d.reportLocked();
 }
 
@@ -609,11 +499,6 @@ std::string ScriptedServer::received() const {
     std::string all;
     for (const auto& c : impl_->perConnection) all += c;
     return all;
-}
-
-std::string ScriptedServer::received(std::size_t connection) const {
-    std::lock_guard<std::mutex> lock(impl_->mu);
-    return connection < impl_->perConnection.size() ? impl_->perConnection[connection] : std::string();
 }
 
 std::size_t ScriptedServer::connectionCount() const {

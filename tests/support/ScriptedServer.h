@@ -13,12 +13,10 @@
 //   ... drive a client against 127.0.0.1:server.port() ...
 //   EXPECT_TRUE(server.finish());          // the failure message is report()
 //
-// Tag placeholders: in expect(), a line starting with "{tag}" accepts any four
-// lower-case letters there and remembers them; "{tag1}".."{tagN}" do the same
-// and also keep the tag in that numbered slot (for pipelined commands). Any
-// other "{tag}" / "{tagN}" in expect() or in the send family stands for the
-// most recently captured tag / the tag in slot N. Using one before it has been
-// captured fails the step. expectRaw() bytes are taken literally.
+// Tags: in expect(), a line starting with "{tag}" accepts any four lower-case
+// letters there and remembers them; any other "{tag}", in expect() or in the
+// send family, stands for the tag captured last (a step using it before any
+// capture fails). expectRaw() bytes are taken literally.
 //
 // Connections: the first client connection is accepted before step 1.
 // When the script ends (or a step fails) the server closes the connection and
@@ -90,8 +88,6 @@ public:
     // Writes with a fixed shape, whatever the server-wide mode says.
     ScriptedServer& sendWhole(const std::string& bytes);
     ScriptedServer& sendBytewise(const std::string& bytes, Millis pause = Millis{0});
-    ScriptedServer& sendSplit(const std::string& bytes, std::vector<std::size_t> offsets,
-                              Millis pause = Millis{0});
 
     // Reads one line through "\r\n" and compares it with `line` (placeholders expanded).
     ScriptedServer& expect(const std::string& line);
@@ -109,24 +105,26 @@ public:
     ScriptedServer& acceptNext();
     // Passes once the client closes (or resets) without sending anything more.
     ScriptedServer& expectClose();
+    // Writes `chunk` (taken literally) over and over, dropping whatever the
+    // client sends meanwhile; passes once the client hangs up, fails if it
+    // is still reading after `maxBytes`. The chunk is held once, however
+    // long the flood runs.
+    ScriptedServer& flood(const std::string& chunk, std::uint64_t maxBytes);
 
     // Starts playing the script in the server thread. Call once.
     void start();
 
-    // Waits for the script to end, at most `bound` (default: step time-out
-    // plus all stalls and pauses plus 10 s), then stops and joins the thread.
-    // Success only if every step matched. The message is report().
-    // Calling it again returns the same verdict.
+    // Waits for the script to end, at most the step time-out plus all stalls
+    // and pauses plus 10 s, then stops and joins the thread. Success only if
+    // every step matched. The message is report(). Calling it again returns
+    // the same verdict.
     ::testing::AssertionResult finish();
-    ::testing::AssertionResult finish(Millis bound);
 
     // Human-readable outcome: which step failed, expected vs. received.
     std::string report() const;
 
-    // Everything read from the client, over all connections / one connection
-    // (0-based, in accept order; empty string for a connection that never was).
+    // Everything read from the client, over all connections.
     std::string received() const;
-    std::string received(std::size_t connection) const;
     std::size_t connectionCount() const;
 
     // Size of every write the server made, in order, over all connections;

@@ -101,7 +101,7 @@ TEST(ScriptedServer, DeviationsFailWithStepAndWireText) {
         {"abcd {tag}\r\n", "abcd abcd\r\n", {"{tag} used before any tag was captured"}},
         {"x\r\n", "x\n\x01", {"timed out after 300 ms", "received so far \"x\\n\\x01\""}},
         {"{tag} NOOP\r\n", "", {"timed out after 300 ms"}},
-        {nullptr, "", {"did not close the connection within 300 ms"}},
+        {nullptr, "", {"timed out after 300 ms while waiting for the client to close"}},
         {nullptr, "abcd LOGOUT\r\n", {"expected the client to close, but it sent \"abcd LOGOUT\\r\\n\""}},
     };
     for (const auto& tc : cases) {
@@ -145,6 +145,29 @@ TEST(ScriptedServer, ClientLeavingEarlyFailsTheScript) {
     auto result = server.finish();  // a SIGPIPE here would kill the whole test binary
     EXPECT_FALSE(result);
     EXPECT_TRUE(contains(result.message(), "the client has gone away")) << result.message();
+}
+
+// The hostile-server tests rely on a flood ending only when the client
+// hangs up: a client that reads on to the cap must fail the script.
+TEST(ScriptedServer, FloodPassesOnlyWhenTheClientHangsUp) {
+    for (const bool hangUp : {true, false}) {
+        SCOPED_TRACE(hangUp ? "client hangs up" : "client reads to the cap");
+        ScriptedServer server;
+        std::string chunk;
+        while (chunk.size() < 4096) chunk += "xy";
+        server.flood(chunk, 32u << 20);  // well beyond what the socket buffers hold
+        server.start();
+        Client c(server.port());
+        EXPECT_EQ(c.read(5), "xyxyx");
+        if (hangUp) {
+            c.hangUp();
+        } else {
+            EXPECT_EQ(c.read().size(), (32u << 20) - 5);
+        }
+        auto result = server.finish();
+        EXPECT_EQ(bool(result), hangUp) << result.message();
+        EXPECT_EQ(contains(result.message(), "read all 33554432 bytes of the flood"), !hangUp) << result.message();
+    }
 }
 
 }  // namespace
