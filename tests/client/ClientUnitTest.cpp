@@ -137,22 +137,14 @@ TEST(MailboxNameCoding, InvalidInputIsReturnedAsItStands) {
 // Random names over ASCII, the BMP (without surrogates) and the astral planes.
 TEST(MailboxNameCoding, RandomUnicodeRoundTrips) {
     std::mt19937 rng(20240611);
+    // Written as the general rule (a lead byte of n high bits, then 6-bit
+    // continuations) so it shares no slip with the coder's own per-length
+    // branches.
     auto appendUtf8 = [](std::string& out, uint32_t cp) {
-        if (cp < 0x80) {
-            out += static_cast<char>(cp);
-        } else if (cp < 0x800) {
-            out += static_cast<char>(0xC0 | (cp >> 6));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        } else if (cp < 0x10000) {
-            out += static_cast<char>(0xE0 | (cp >> 12));
-            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (cp >> 18));
-            out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        }
+        const int n = cp < 0x80 ? 1 : cp < 0x800 ? 2 : cp < 0x10000 ? 3 : 4;
+        const unsigned lead = n == 1 ? 0 : (0xFF00u >> n) & 0xFFu;
+        out += static_cast<char>(lead | (cp >> (6 * (n - 1))));
+        for (int shift = 6 * (n - 2); shift >= 0; shift -= 6) out += static_cast<char>(0x80 | ((cp >> shift) & 0x3F));
     };
     for (int round = 0; round < 2000; ++round) {
         std::string name;
