@@ -406,6 +406,14 @@ struct ImapClient::Impl {
         return {};
     }
 
+    // What COPY and MOVE check before sending anything: a selected mailbox,
+    // valid UIDs and a target name, which comes back encoded for the wire.
+    Status checkTransfer(const std::vector<uint32_t>& uids, const std::string& toMailbox, std::string& wire) {
+        if (Status st = notReady(true); !st) return st;
+        if (Status st = checkUids(uids); !st) return st;
+        return wireName(toMailbox, wire);
+    }
+
     // Mailbox names: checked, then encoded for the wire.
     static Status wireName(const std::string& name, std::string& out, bool allowEmpty = false) {
         if (name.empty() && !allowEmpty) return Status::failure("The mailbox name is empty");
@@ -1222,10 +1230,8 @@ Status ImapClient::removeFlags(const std::vector<uint32_t>& uids, const Flags& f
 Status ImapClient::copy(const std::vector<uint32_t>& uids, const std::string& toMailbox) {
     return guarded([&]() -> Status {
         Impl& d = *m_impl;
-        if (Status st = d.notReady(true); !st) return st;
-        if (Status st = Impl::checkUids(uids); !st) return st;
         std::string wire;
-        if (Status st = Impl::wireName(toMailbox, wire); !st) return st;
+        if (Status st = d.checkTransfer(uids, toMailbox, wire); !st) return st;
         for (const std::string& set : client_detail::compactUidSets(uids)) {
             Impl::Call c(d);
             ImapResultSet rs;
@@ -1239,10 +1245,8 @@ Status ImapClient::copy(const std::vector<uint32_t>& uids, const std::string& to
 Status ImapClient::move(const std::vector<uint32_t>& uids, const std::string& toMailbox) {
     return guarded([&]() -> Status {
         Impl& d = *m_impl;
-        if (Status st = d.notReady(true); !st) return st;
-        if (Status st = Impl::checkUids(uids); !st) return st;
         std::string wire;
-        if (Status st = Impl::wireName(toMailbox, wire); !st) return st;
+        if (Status st = d.checkTransfer(uids, toMailbox, wire); !st) return st;
         const bool hasMove = d.hasCap("MOVE");
         if (!hasMove && !d.hasCap("UIDPLUS"))
             return Status::failure("The server offers neither MOVE nor UIDPLUS; moving would take a plain EXPUNGE, "

@@ -313,20 +313,12 @@ Socket2::Attempt Socket2::connectOne(const void* addrInfo, unsigned timeoutMs, _
     return Attempt::Connected;
 }
 
-bool Socket2::socket2Connect(const StringBuffer& hostIn, int port, bool tls, _clsTls& tlsSettings,
-                             unsigned int timeoutMs, SocketParams& sp, LogBase& log) {
-    LogContextExitor ctx(log, "socket2Connect");
-    if (m_ssh) return sshConnectChannel(hostIn, port, tls, tlsSettings, timeoutMs, sp, log);
-    if (m_fd >= 0) {
-        if (log.m_verboseLogging) log.logInfo("Closing the previous connection first");
-        dropConnection();
-    }
+bool Socket2::beginConnect(const StringBuffer& hostIn, int port, const _clsTls& tlsSettings, char* host,
+                           size_t hostSize, SocketParams& sp, LogBase& log) {
     clearServerCertInfo();
     sp.m_soSndBuf = tlsSettings.m_soSndBuf;
     m_lastHost.setString(hostIn);
-
-    char host[256];
-    if (!bareHost(hostIn, host, sizeof host)) {
+    if (!bareHost(hostIn, host, hostSize)) {
         sp.m_connectFailed = true;
         logf(log, true, "Invalid host name [%s]", hostIn.getString());
         return false;
@@ -336,6 +328,19 @@ bool Socket2::socket2Connect(const StringBuffer& hostIn, int port, bool tls, _cl
         logf(log, true, "Invalid port number %d", port);
         return false;
     }
+    return true;
+}
+
+bool Socket2::socket2Connect(const StringBuffer& hostIn, int port, bool tls, _clsTls& tlsSettings,
+                             unsigned int timeoutMs, SocketParams& sp, LogBase& log) {
+    LogContextExitor ctx(log, "socket2Connect");
+    if (m_ssh) return sshConnectChannel(hostIn, port, tls, tlsSettings, timeoutMs, sp, log);
+    if (m_fd >= 0) {
+        if (log.m_verboseLogging) log.logInfo("Closing the previous connection first");
+        dropConnection();
+    }
+    char host[256];
+    if (!beginConnect(hostIn, port, tlsSettings, host, sizeof host, sp, log)) return false;
     if (log.m_verboseLogging) {
         log.logData("hostname", host);
         log.LogDataLong("port", port);

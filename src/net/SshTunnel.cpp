@@ -105,20 +105,8 @@ bool Socket2::sshConnectChannel(const StringBuffer& hostIn, int port, bool tls, 
         if (log.m_verboseLogging) log.logInfo("Closing the previous connection first");
         dropConnection();
     }
-    clearServerCertInfo();
-    sp.m_soSndBuf = tlsSettings.m_soSndBuf;
-    m_lastHost.setString(hostIn);
     char host[256];
-    if (!net::bareHost(hostIn, host, sizeof host)) {
-        sp.m_connectFailed = true;
-        logf(log, true, "Invalid host name [%s]", hostIn.getString());
-        return false;
-    }
-    if (port <= 0 || port > 65535) {
-        sp.m_connectFailed = true;
-        logf(log, true, "Invalid port number %d", port);
-        return false;
-    }
+    if (!beginConnect(hostIn, port, tlsSettings, host, sizeof host, sp, log)) return false;
     if (!m_ssh->isConnected()) {
         sp.m_connectFailed = true;
         sp.m_connLost = true;

@@ -42,6 +42,7 @@
 // the SSH layer's all go through send(MSG_NOSIGNAL).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "zrimap/base/ZendrelObject.h"
@@ -274,6 +275,11 @@ private:
     unsigned effectiveTimeout(unsigned timeoutMs) const;
     void dropConnection();
     void clearServerCertInfo();
+    // The part of a connect that is the same direct and through a tunnel:
+    // forgets the last peer, records the new one and checks host and port.
+    // `host` (of size `hostSize`) receives the host without brackets.
+    bool beginConnect(const StringBuffer& hostIn, int port, const _clsTls& tlsSettings, char* host, std::size_t hostSize,
+                      SocketParams& sp, LogBase& log);
     void sendCloseNotify(unsigned timeoutMs, ProgressMonitor* pm, LogBase& log, bool bQuiet);
     bool sshConnectChannel(const StringBuffer& host, int port, bool tls, _clsTls& tlsSettings, unsigned timeoutMs,
                            SocketParams& sp, LogBase& log);
